@@ -1,0 +1,56 @@
+# The two commands: `make demo` and `make test`. Both install what is missing,
+# build, and run everything under Wine in a prefix inside the build tree.
+BUILD     ?= build
+JOBS      ?= $(shell nproc)
+WINEPREFIX_DIR := $(abspath $(BUILD))/wineprefix
+WINE_ENV  := WINEPREFIX=$(WINEPREFIX_DIR) WINEDEBUG=-all WINEARCH=win64
+
+# Debian packages the build needs, and a file or command that shows each is there.
+PACKAGES  := g++-mingw-w64-x86-64-posix mingw-w64-tools libwine-dev wine64 wine cmake googletest
+NEEDED    := /usr/bin/x86_64-w64-mingw32-g++-posix /usr/bin/x86_64-w64-mingw32-widl \
+             /usr/include/wine/wine/windows/oaidl.idl /usr/bin/wine /usr/bin/cmake \
+             /usr/src/googletest/CMakeLists.txt
+
+.PHONY: all deps configure build prefix test demo bench clean
+
+all: build
+
+deps:
+	@missing=""; for f in $(NEEDED); do [ -e "$$f" ] || missing="$$missing $$f"; done; \
+	if [ -n "$$missing" ]; then \
+	  echo "== installing build dependencies (missing:$$missing)"; \
+	  SUDO=""; [ "$$(id -u)" = 0 ] || SUDO=sudo; \
+	  $$SUDO apt-get update -q && \
+	  DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -q --no-install-recommends $(PACKAGES); \
+	fi
+
+configure: deps
+	@[ -f $(BUILD)/CMakeCache.txt ] || cmake -S . -B $(BUILD) \
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+build: configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+prefix: configure
+	@if [ ! -f $(WINEPREFIX_DIR)/system.reg ]; then \
+	  echo "== creating the Wine prefix $(WINEPREFIX_DIR)"; \
+	  mkdir -p $(WINEPREFIX_DIR) && $(WINE_ENV) wineboot -i >/dev/null 2>&1; \
+	  $(WINE_ENV) wineserver -w; \
+	fi
+
+# A persistent wineserver makes each Wine start take about a second instead of several;
+# it goes away by itself shortly after the last test.
+test: build prefix
+	@$(WINE_ENV) wineserver -p10 </dev/null >/dev/null 2>&1
+	cd $(BUILD) && ctest --output-on-failure --timeout 900 -j 2
+
+bench: build prefix
+	@$(WINE_ENV) wineserver -p10 </dev/null >/dev/null 2>&1
+	$(BUILD)/wine-run $(BUILD)/bin/zeph-bench.exe --json $(BUILD)/bench.json
+
+demo: build prefix
+	@$(WINE_ENV) wineserver -p10 </dev/null >/dev/null 2>&1
+	bash demo/run.sh $(BUILD)
+
+clean:
+	rm -rf $(BUILD)

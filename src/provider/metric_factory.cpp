@@ -1,0 +1,27 @@
+#include "metric_factory.h"
+
+#include <cwchar>
+
+namespace zeph {
+
+bool IsMetricName(const wchar_t* name, const wchar_t* known) noexcept
+{
+    const size_t length = std::wcslen(known);
+    return std::wcslen(name) == length && _wcsnicmp(name, known, length) == 0;
+}
+
+std::shared_ptr<CMetric> MetricFactory(const wchar_t* name, Microsoft::WRL::ComPtr<IProviderLogger> logger,
+                                       Microsoft::WRL::ComPtr<IProviderHostContext> hostContext)
+{
+    if (IsMetricName(name, kQuillonMetricName)) {
+        return nullptr;  // the layering metric class is not built yet
+    }
+    if (IsMetricName(name, kAppCrashMetricName)) {
+        return nullptr;  // the crash metric class is not built yet
+    }
+    (void)logger;
+    (void)hostContext;
+    return nullptr;
+}
+
+}  // namespace zeph

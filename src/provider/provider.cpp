@@ -1,0 +1,151 @@
+#include "provider.h"
+
+#include "hresult.h"
+#include "logging.h"
+
+namespace zeph {
+
+namespace {
+
+constexpr wchar_t kCreatedMetric[] = L"created metric '%s'.";
+constexpr wchar_t kSubscribeFailed[] = L"Failed to subscribe metric '%s'.";
+constexpr wchar_t kSubscribed[] = L"Subscribed from metric '%s'.";
+constexpr wchar_t kUnsubscribed[] = L"Unsubscribed from metric '%s'.";
+constexpr wchar_t kUnsubscribedAll[] = L"Unsubscribed all metrics.";
+constexpr wchar_t kNotSubscribed[] = L"Metric '%s' should be queried from internal metric.";
+
+}  // namespace
+
+CProvider::CProvider() : factory_(MetricFactory) {}
+
+CProvider::~CProvider() = default;
+
+void* CProvider::QueryInterfaceImpl(REFIID riid) noexcept
+{
+    if (riid == __uuidof(IZephDataProvider) || riid == __uuidof(IDataProviderEx) ||
+        riid == __uuidof(IDataProvider) || riid == IID_IDispatch || riid == IID_IUnknown) {
+        return static_cast<IZephDataProvider*>(this);
+    }
+    return nullptr;
+}
+
+void CProvider::UseMetricFactory(MetricFactoryFunction factory)
+{
+    factory_ = std::move(factory);
+}
+
+STDMETHODIMP CProvider::SubscribeMetric(BSTR name, IUnknown* config)
+{
+    return ComBarrier([&]() -> HRESULT {
+        if (name == nullptr || config == nullptr) {
+            return E_INVALIDARG;
+        }
+        Microsoft::WRL::ComPtr<IXMLDOMElement> element;
+        if (FAILED(config->QueryInterface(IID_PPV_ARGS(&element)))) {
+            return E_INVALIDARG;
+        }
+        const std::wstring key(name);
+        if (metrics_.find(key) != metrics_.end()) {
+            return S_OK;  // already subscribed: the first configuration stays
+        }
+        std::shared_ptr<CMetric> metric = factory_(name, logger_, hostContext_);
+        if (!metric) {
+            return S_OK;  // a name we do not provide
+        }
+        Log(logger_.Get(), LogLevel::Info, kCreatedMetric, name);
+        const HRESULT subscribed = metric->Subscribe(element.Get());
+        if (FAILED(subscribed)) {
+            LogFailure(logger_.Get(), subscribed, kSubscribeFailed, name);
+            return subscribed;
+        }
+        Log(logger_.Get(), LogLevel::Info, kSubscribed, name);
+        metrics_[key] = std::move(metric);
+        return S_OK;
+    });
+}
+
+STDMETHODIMP CProvider::UnsubscribeMetric(BSTR name)
+{
+    return ComBarrier([&]() -> HRESULT {
+        if (name == nullptr) {
+            return E_INVALIDARG;
+        }
+        const auto found = metrics_.find(name);
+        if (found == metrics_.end()) {
+            return S_OK;
+        }
+        found->second->Unsubscribe();
+        metrics_.erase(found);
+        Log(logger_.Get(), LogLevel::Info, kUnsubscribed, name);
+        return S_OK;
+    });
+}
+
+STDMETHODIMP CProvider::UnsubscribeAllMetrics()
+{
+    return ComBarrier([&]() -> HRESULT {
+        for (const auto& [name, metric] : metrics_) {
+            metric->Unsubscribe();
+        }
+        metrics_.clear();
+        Log(logger_.Get(), LogLevel::Info, kUnsubscribedAll);
+        return S_OK;
+    });
+}
+
+HRESULT CProvider::Reserved() noexcept
+{
+    return S_OK;
+}
+
+STDMETHODIMP CProvider::Reserved1() { return Reserved(); }
+STDMETHODIMP CProvider::Reserved2() { return Reserved(); }
+STDMETHODIMP CProvider::Reserved3() { return Reserved(); }
+STDMETHODIMP CProvider::Reserved4() { return Reserved(); }
+STDMETHODIMP CProvider::Reserved5() { return Reserved(); }
+STDMETHODIMP CProvider::Reserved6() { return Reserved(); }
+
+STDMETHODIMP CProvider::QueryMetric(BSTR name, LONG_PTR context, IUnknown* sink)
+{
+    return ComBarrier([&]() -> HRESULT {
+        // A sink without IMetricValueSink is passed on as a null sink.
+        Microsoft::WRL::ComPtr<IMetricValueSink> typedSink;
+        if (sink != nullptr) {
+            sink->QueryInterface(IID_PPV_ARGS(&typedSink));
+        }
+        return QueryMetricToSink(name, context, typedSink.Get());
+    });
+}
+
+STDMETHODIMP CProvider::SetHostInterfaces(IProviderLogger* logger, IProviderHostContext* hostContext)
+{
+    return ComBarrier([&]() -> HRESULT {
+        if (logger == nullptr || hostContext == nullptr) {
+            return E_INVALIDARG;
+        }
+        // ComPtr assignment adds the new reference before releasing the old,
+        // and does nothing for the same pointer.
+        logger_ = logger;
+        hostContext_ = hostContext;
+        return S_OK;
+    });
+}
+
+STDMETHODIMP CProvider::QueryMetricToSink(BSTR name, LONG_PTR context, IMetricValueSink* sink)
+{
+    return ComBarrier([&]() -> HRESULT {
+        if (name == nullptr) {
+            return E_INVALIDARG;
+        }
+        const auto found = metrics_.find(name);
+        if (found == metrics_.end()) {
+            Log(logger_.Get(), LogLevel::Info, kNotSubscribed, name);
+            return S_OK;
+        }
+        // Held for the call, so the metric outlives it whatever the sink does.
+        const std::shared_ptr<CMetric> metric = found->second;
+        return metric->CollectMetric(sink, context);
+    });
+}
+
+}  // namespace zeph

@@ -1,0 +1,162 @@
+#include "com_strings.h"
+#include "diagnostics.h"
+#include "hresult.h"
+#include "logging.h"
+#include "recording_logger.h"
+
+#include <gtest/gtest.h>
+
+#include <new>
+#include <stdexcept>
+
+namespace zeph {
+namespace {
+
+using test::RecordingLogger;
+
+struct EventTraits {
+    using type = HANDLE;
+    static type invalid() noexcept { return nullptr; }
+    static void close(type handle) noexcept { ::CloseHandle(handle); }
+};
+
+// What the system says about code, straight from FormatMessageW.
+std::wstring SystemText(HRESULT code)
+{
+    wchar_t* text = nullptr;
+    const DWORD length = ::FormatMessageW(
+        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_SYSTEM, nullptr,
+        static_cast<DWORD>(code), MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0,
+        nullptr);
+    std::wstring result = length != 0 ? std::wstring(text, length) : std::wstring();
+    ::LocalFree(text);
+    return result;
+}
+
+TEST(FormatString, FormatsWideStringsIntegersAndHexLikeTheSystemRuntime)
+{
+    EXPECT_EQ(FormatString(L"Metric '%s' got %d, code 0x%08lx.", L"eventlog|x", -12, static_cast<long>(0x80070490)),
+              L"Metric 'eventlog|x' got -12, code 0x80070490.");
+    EXPECT_EQ(FormatString(L"%02d-%02d %d", 3, 7, 2021), L"03-07 2021");
+    EXPECT_EQ(FormatString(L"no arguments"), L"no arguments");
+    EXPECT_EQ(FormatString(L""), L"");
+    const std::wstring longText(100000, L'x');
+    EXPECT_EQ(FormatString(L"[%s]", longText.c_str()), L"[" + longText + L"]");
+}
+
+TEST(HResultFromWin32, KeepsZeroAndNegativeAndMapsTheRest)
+{
+    EXPECT_EQ(HResultFromWin32(0), S_OK);
+    EXPECT_EQ(HResultFromWin32(ERROR_NOT_FOUND), static_cast<HRESULT>(0x80070490));
+    EXPECT_EQ(HResultFromWin32(ERROR_EVT_CHANNEL_NOT_FOUND), static_cast<HRESULT>(0x80073A9F));
+    EXPECT_EQ(HResultFromWin32(0x12345678), static_cast<HRESULT>(0x80075678));
+    EXPECT_EQ(HResultFromWin32(static_cast<long>(E_FAIL)), E_FAIL);
+}
+
+TEST(AppendErrorText, UsesTheSystemTextWhenThereIsOneAndTheBarePeriodOtherwise)
+{
+    // E_OUTOFMEMORY has a system text; a made-up facility code has none.
+    const std::wstring known = SystemText(E_OUTOFMEMORY);
+    ASSERT_FALSE(known.empty());
+    constexpr HRESULT kUnknown = static_cast<HRESULT>(0xA1B2C3D4);
+    ASSERT_TRUE(SystemText(kUnknown).empty());
+
+    ErrorText withText = AppendErrorText(L"Failed to retrieve property '%s' from the configuration.", E_OUTOFMEMORY);
+    EXPECT_EQ(withText.format, L"Failed to retrieve property '%s' from the configuration.  Error code 0x%08lx -- %s");
+    ASSERT_TRUE(withText.systemText);
+    EXPECT_EQ(std::wstring(withText.systemText.get()), known);
+
+    ErrorText withoutText = AppendErrorText(L"Failed.", kUnknown);
+    EXPECT_EQ(withoutText.format, L"Failed.  Error code 0x%08lx.");
+    EXPECT_FALSE(withoutText.systemText);
+}
+
+TEST(Logging, WritesOnlyEnabledLevelsWithCategoryAndExactText)
+{
+    auto* logger = new RecordingLogger(0x4);
+    Log(logger, LogLevel::Info, L"created metric '%s'.", L"a|b");
+    Log(logger, LogLevel::Error, L"dropped %d", 1);
+    Log(logger, LogLevel::Warning, L"dropped too");
+    logger->SetLevels(0x3);
+    Log(logger, LogLevel::Error, L"error %d", 2);
+    Log(logger, LogLevel::Warning, L"warning");
+    Log(logger, LogLevel::Info, L"dropped as well");
+    EXPECT_EQ(logger->Lines(), (std::vector<test::LogLine>{{LogLevel::Info, L"created metric 'a|b'."},
+                                                          {LogLevel::Error, L"error 2"},
+                                                          {LogLevel::Warning, L"warning"}}));
+    EXPECT_EQ(logger->LevelQueries(), 6);
+    logger->Release();
+}
+
+TEST(Logging, FormatsNothingWhenTheLevelIsOffOrThereIsNoLogger)
+{
+    // Formatting this argument would read an invalid address.
+    const auto* poison = reinterpret_cast<const wchar_t*>(static_cast<uintptr_t>(0x10));
+    auto* logger = new RecordingLogger(0);
+    Log(logger, LogLevel::Info, L"%s", poison);
+    LogFailure(logger, E_FAIL, L"%s", poison);
+    Log(nullptr, LogLevel::Error, L"%s", poison);
+    LogFailure(nullptr, E_FAIL, L"%s", poison);
+    EXPECT_TRUE(logger->Lines().empty());
+    EXPECT_EQ(logger->LevelQueries(), 2);
+    logger->Release();
+}
+
+TEST(Logging, FailureLinesPutTheTemplateArgumentsFirstThenTheCodeThenTheSystemText)
+{
+    auto* logger = new RecordingLogger(0x1);
+    logger->SetResult(E_FAIL);  // the logger's own failures are ignored
+    LogFailure(logger, E_OUTOFMEMORY, L"Failed to retrieve property '%s' from the configuration.", L"query");
+    LogFailure(logger, static_cast<HRESULT>(0xA1B2C3D4), L"Failed to subscribe metric '%s'.", L"m");
+    const auto texts = logger->Texts();
+    ASSERT_EQ(texts.size(), 2u);
+    EXPECT_EQ(texts[0], L"Failed to retrieve property 'query' from the configuration.  Error code 0x8007000e -- " +
+                            SystemText(E_OUTOFMEMORY));
+    EXPECT_EQ(texts[1], L"Failed to subscribe metric 'm'.  Error code 0xa1b2c3d4.");
+    logger->Release();
+}
+
+TEST(ComBarrier, TurnsExceptionsIntoTheirHResults)
+{
+    EXPECT_EQ(ComBarrier([] { return S_FALSE; }), S_FALSE);
+    EXPECT_EQ(ComBarrier([]() -> HRESULT { throw HResultError(E_ACCESSDENIED); }), E_ACCESSDENIED);
+    EXPECT_EQ(ComBarrier([]() -> HRESULT { throw std::bad_alloc(); }), E_OUTOFMEMORY);
+    EXPECT_EQ(ComBarrier([]() -> HRESULT { throw std::runtime_error("x"); }), E_UNEXPECTED);
+    EXPECT_EQ(ComBarrier([]() -> HRESULT { throw 42; }), E_UNEXPECTED);
+}
+
+TEST(ScopedVariant, HoldsStringsWithTheirLengthAndNumbers)
+{
+    ScopedVariant value;
+    value.SetString(std::wstring_view(L"a\0b", 3));
+    ASSERT_EQ(V_VT(value.get()), VT_BSTR);
+    EXPECT_EQ(::SysStringLen(V_BSTR(value.get())), 3u);
+    value.SetUInt64(1615125909000ULL);
+    ASSERT_EQ(V_VT(value.get()), VT_UI8);
+    EXPECT_EQ(V_UI8(value.get()), 1615125909000ULL);
+}
+
+TEST(UniqueResource, ClosesOnceAndKeepsTheLastError)
+{
+    HANDLE event = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    ASSERT_NE(event, nullptr);
+    {
+        unique_resource<EventTraits> holder(event);
+        unique_resource<EventTraits> moved(std::move(holder));
+        EXPECT_FALSE(holder);
+        EXPECT_TRUE(moved);
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        moved.reset();
+        EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+        EXPECT_FALSE(moved);
+    }
+    // Closed exactly once: the handle is gone now.
+    EXPECT_FALSE(::SetEvent(event));
+
+    unique_file file;
+    EXPECT_FALSE(file);  // INVALID_HANDLE_VALUE is its empty value
+    EXPECT_EQ(file.get(), INVALID_HANDLE_VALUE);
+}
+
+}  // namespace
+}  // namespace zeph
