@@ -1,5 +1,7 @@
 #include "metric_factory.h"
 
+#include "quillon_metric.h"
+
 #include <cwchar>
 
 namespace zeph {
@@ -14,7 +16,7 @@ std::shared_ptr<CMetric> MetricFactory(const wchar_t* name, Microsoft::WRL::ComP
                                        Microsoft::WRL::ComPtr<IProviderHostContext> hostContext)
 {
     if (IsMetricName(name, kQuillonMetricName)) {
-        return nullptr;  // the layering metric class is not built yet
+        return std::make_shared<CQuillonMetric>(name, logger.Get(), hostContext.Get());
     }
     if (IsMetricName(name, kAppCrashMetricName)) {
         return nullptr;  // the crash metric class is not built yet

@@ -1,0 +1,93 @@
+// CQuillonLogCollector: reads what the layering service ("drovesvc") wrote to
+// its own log during one log-on and finds the Tesseras it mounted after the
+// manager answered the log-in.
+//
+// The log lives in a "Logs" folder beside the service's executable, located
+// through the service's ImagePath in the registry. The service renames a full
+// "drovesvc.log" to "drovesvc_bak.log" and starts a new one, so a cycle's text
+// may be split across both files. The text is raw UTF-16LE with CRLF line
+// ends, taken as it is (no byte-order mark handling, no conversion).
+//
+// Ownership: the layering metric owns one collector (shared). It keeps its own
+// reference to the host logger (may be null). No file or registry handle
+// stays open after an operation returns.
+// Failure: operations report a false result plus error lines ("error: %d" with
+// the Win32 code); only allocation failures throw.
+// Threads: no lock of its own; the owner serialises every call.
+#pragma once
+
+#include "unique_resource.h"
+
+#include <agent.h>
+#include <windows.h>
+#include <wrl/client.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace zeph {
+
+// One mounted Tessera as the service log names it.
+struct TesseraEntry {
+    std::wstring id;
+    std::wstring path;
+    bool operator==(const TesseraEntry&) const = default;
+};
+
+class CQuillonLogCollector {
+public:
+    // The most one read may ask for; a larger segment is not collected at all.
+    static constexpr DWORD kMaxReadBytes = 0x80000;
+
+    explicit CQuillonLogCollector(IProviderLogger* logger);
+    CQuillonLogCollector(const CQuillonLogCollector&) = delete;
+    CQuillonLogCollector& operator=(const CQuillonLogCollector&) = delete;
+
+    // Starts a cycle: forgets the Tesseras and the search, locates the log
+    // folder and remembers the log's present size (0 when it does not exist yet).
+    bool PrepareCollectLog();
+
+    // Replaces the collected text with everything appended since
+    // PrepareCollectLog, across a rotation if there was one.
+    bool CollectLog();
+
+    // Once per cycle: collects the log and, when the manager's answer is in it,
+    // takes the mount lines that follow. Later calls succeed without reading.
+    bool FindLoginResponse();
+
+    // Appends every mount entry of text from start on, in text order.
+    // Nothing here fails but allocation; always true.
+    bool ParseMountedTesseras(const std::wstring& text, size_t start);
+
+    std::vector<TesseraEntry> GetTesseras() const { return tesseras_; }
+
+    const std::wstring& LogDirectory() const noexcept { return logDirectory_; }
+    const std::wstring& CollectedText() const noexcept { return collectedText_; }
+    DWORD BeginSize() const noexcept { return beginSize_; }
+
+private:
+    bool FindLogDirectory();
+    bool OpenServiceKey(HKEY* key);
+    bool QueryImagePath(HKEY key);
+    unique_file OpenLogFile(const std::wstring& path, DWORD& error);
+    bool GetLogFileSize(HANDLE file, DWORD& size);
+    bool SetReadPosition(HANDLE file, DWORD offset);
+    bool ReadLogBytes(HANDLE file, DWORD count, std::wstring& destination);
+    bool ReadNewLogs(HANDLE file);
+    bool ReadCurrentLog(HANDLE file);
+    bool ReadRotatedLogs(HANDLE file);
+    bool ReadBackupLog(std::wstring& destination);
+    static bool ExtractMountEntry(const std::wstring& text, size_t start, std::wstring& path, std::wstring& id,
+                                  size_t& next);
+
+    std::wstring logDirectory_;
+    std::wstring collectedText_;
+    DWORD beginSize_ = 0;
+    DWORD currentSize_ = 0;
+    bool responseSearched_ = false;
+    std::vector<TesseraEntry> tesseras_;
+    Microsoft::WRL::ComPtr<IProviderLogger> logger_;
+};
+
+}  // namespace zeph

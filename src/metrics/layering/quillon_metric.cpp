@@ -1,0 +1,272 @@
+#include "quillon_metric.h"
+
+#include "event_log_handle.h"
+#include "event_log_reader.h"
+#include "logging.h"
+#include "metric_value_writer.h"
+#include "registry_string.h"
+
+#include <iterator>
+
+namespace zeph {
+
+namespace {
+
+constexpr const wchar_t* kEventValuePaths[] = {
+    L"Event/System/EventID",
+    L"Event/System/TimeCreated/@SystemTime",
+};
+constexpr wchar_t kPublisherName[] = L"drovesvc";
+
+constexpr wchar_t kManagerKey[] = L"SYSTEM\\CurrentControlSet\\services\\drovesvc\\Parameters";
+constexpr wchar_t kManagerValue[] = L"Manager1";
+
+// FILETIME of 1970-01-01 00:00 UTC, and 100 ns units per millisecond.
+constexpr ULONGLONG kUnixEpochFileTime = 116444736000000000ull;
+constexpr ULONGLONG kFileTimeUnitsPerMs = 10000;
+
+constexpr wchar_t kMetricNamespace[] = L"quillon";
+constexpr wchar_t kLogonTimestampKey[] = L"quillon|logon_timestamp";
+constexpr wchar_t kLogonResponseTimestampKey[] = L"quillon|logon_response_timestamp";
+constexpr wchar_t kVolumesReadyTimestampKey[] = L"quillon|volumes_ready_timestamp";
+constexpr wchar_t kAllDoneTimestampKey[] = L"quillon|all_done_timestamp";
+constexpr wchar_t kManagerHostKey[] = L"quillon|mgr";
+constexpr wchar_t kInstancesFlagKey[] = L"quillon|instances";
+constexpr wchar_t kInstancesFlagValue[] = L"true";
+constexpr wchar_t kInstanceKey[] = L"quillon|instances|*";
+
+constexpr wchar_t kAgentEvent[] = L"Quillon Agent Event: %s";
+constexpr wchar_t kTryEventLog[] = L"Try to find Tessera from event log";
+constexpr wchar_t kTryServiceLog[] = L"No Tessera find from event log, try to find it from quillon log";
+constexpr wchar_t kTesseraLine[] = L"TesseraId: %s, TesseraPath: %s";
+
+constexpr wchar_t kTimestampsFailed[] = L"Failed to write attach time metrics.";
+constexpr wchar_t kNoTimestamps[] = L"Not got time stamps for quillon event.";
+constexpr wchar_t kLogonTimestampFailed[] = L"Failed to collect metric 'quillon|logon_timestamp'.";
+constexpr wchar_t kLogonResponseTimestampFailed[] = L"Failed to collect metric 'quillon|logon_response_timestamp'.";
+constexpr wchar_t kVolumesReadyTimestampFailed[] = L"Failed to collect metric 'quillon|volumes_ready_timestamp'.";
+constexpr wchar_t kAllDoneTimestampFailed[] = L"Failed to collect metric 'quillon|all_done_timestamp'.";
+constexpr wchar_t kManagerReadFailed[] =
+    L"Failed to get Quillon Manager host information from registry.  Error code 0x%08lx.";
+constexpr wchar_t kManagerEmpty[] = L"Quillon manager host value in registry is empty.";
+constexpr wchar_t kManagerFound[] = L"Got quillon manager host value in registry: %s";
+constexpr wchar_t kManagerWriteFailed[] = L"Failed to collect metric 'quillon|mgr'.";
+constexpr wchar_t kManagerNotFound[] = L"Not found the manager host in registry.";
+constexpr wchar_t kNoTesseras[] = L"No tessera mounted.";
+constexpr wchar_t kInstancesFlagFailed[] = L"Failed to write metric flag 'quillon|instances'.";
+constexpr wchar_t kInstanceFailed[] = L"Failed to collect metric 'quillon|instances|*'.";
+
+// ReadManagerHost's answer for a value that is present but empty.
+constexpr HRESULT kManagerHostEmpty = 1;
+
+ULONGLONG MillisecondsSince1970(ULONGLONG fileTime) noexcept
+{
+    return (fileTime - kUnixEpochFileTime) / kFileTimeUnitsPerMs;
+}
+
+}  // namespace
+
+CQuillonMetric::CQuillonMetric(const wchar_t* name, IProviderLogger* logger, IProviderHostContext* hostContext)
+    : CMetric(name, logger, hostContext), collector_(std::make_shared<CQuillonLogCollector>(logger))
+{
+}
+
+CQuillonMetric::~CQuillonMetric()
+{
+    // A delivery in flight uses the collector and the lock: wait for it first.
+    StopDeliveries();
+    collector_.reset();
+}
+
+void CQuillonMetric::ParseEventLog(EVT_HANDLE event)
+{
+    const std::lock_guard lock(lock_);
+
+    unique_evt_handle renderContext;
+    RenderEventValues(*renderContext.put(), event, kEventValuePaths, static_cast<DWORD>(std::size(kEventValuePaths)),
+                      [this](PEVT_VARIANT& values) {
+                          if (values == nullptr) {
+                              return;
+                          }
+                          if (values[0].Type == EvtVarTypeUInt16) {
+                              currentEvent_.eventId = values[0].UInt16Val;
+                          }
+                          if (values[1].Type == EvtVarTypeFileTime) {
+                              currentEvent_.timeCreated = values[1].FileTimeVal;
+                          }
+                      });
+
+    // Opened per event and deliberately left open, as the crash metric does.
+    const EVT_HANDLE publisher = ::EvtOpenPublisherMetadata(nullptr, kPublisherName, nullptr, 0, 0);
+    FormatEventMessage(publisher, event, [this](const wchar_t* message) { currentEvent_.message = message; });
+
+    const QuillonEvent parsed = currentEvent_;
+    HandleQuillonEvent(parsed);
+}
+
+void CQuillonMetric::HandleQuillonEvent(const QuillonEvent& event)
+{
+    Log(Logger(), LogLevel::Info, kAgentEvent, event.message.c_str());
+
+    switch (ClassifyEventMessage(event.message)) {
+    case QuillonEventKind::LogOn:
+        logonTime_ = event.timeCreated;
+        collector_->PrepareCollectLog();
+        break;
+    case QuillonEventKind::LogOnResponse:
+        // The first response after a log-on is the one the user waited for.
+        if (logonTime_ != 0 && logonResponseTime_ == 0) {
+            logonResponseTime_ = event.timeCreated;
+        }
+        Log(Logger(), LogLevel::Info, kTryEventLog);
+        collector_->ParseMountedTesseras(event.message, 0);
+        break;
+    case QuillonEventKind::VolumesReady:
+        volumesReadyTime_ = event.timeCreated;
+        break;
+    case QuillonEventKind::LogOff:
+        // The Tesseras stay: they are still mounted until the next log-on.
+        logonTime_ = 0;
+        logonResponseTime_ = 0;
+        volumesReadyTime_ = 0;
+        allDoneTime_ = 0;
+        break;
+    case QuillonEventKind::AllDone: {
+        allDoneTime_ = event.timeCreated;
+        const TesseraList tesseras = collector_->GetTesseras();
+        if (tesseras.empty()) {
+            Log(Logger(), LogLevel::Info, kTryServiceLog);
+            collector_->FindLoginResponse();
+            // Over the list taken before the search, so nothing is listed here.
+            LogTesseras(tesseras.begin(), tesseras.end());
+        }
+        break;
+    }
+    case QuillonEventKind::Other:
+        break;
+    }
+}
+
+void CQuillonMetric::LogTesseras(TesseraList::const_iterator first, TesseraList::const_iterator last)
+{
+    for (; first != last; ++first) {
+        Log(Logger(), LogLevel::Info, kTesseraLine, first->id.c_str(), first->path.c_str());
+    }
+}
+
+HRESULT CQuillonMetric::CollectMetric(IMetricValueSink* sink, LONG_PTR /*context*/)
+{
+    const std::lock_guard lock(lock_);
+
+    const HRESULT timestamps = ReportTimestamps(sink);
+    if (FAILED(timestamps)) {
+        LogFailure(Logger(), timestamps, kTimestampsFailed);
+    }
+    ReportManagerHost(sink);
+    return ReportInstances(sink);
+}
+
+HRESULT CQuillonMetric::ReportTimestamps(IMetricValueSink* sink)
+{
+    if (logonTime_ == 0) {
+        Log(Logger(), LogLevel::Info, kNoTimestamps);
+        return S_OK;
+    }
+
+    // A moment the service did not report is taken to be the one before it;
+    // the filled values stay.
+    if (logonResponseTime_ == 0) {
+        logonResponseTime_ = logonTime_;
+    }
+    if (volumesReadyTime_ == 0) {
+        volumesReadyTime_ = logonResponseTime_;
+    }
+    if (allDoneTime_ == 0) {
+        allDoneTime_ = volumesReadyTime_;
+    }
+
+    const struct {
+        const wchar_t* key;
+        ULONGLONG stamp;
+        const wchar_t* failure;
+    } stamps[] = {
+        {kLogonTimestampKey, logonTime_, kLogonTimestampFailed},
+        {kLogonResponseTimestampKey, logonResponseTime_, kLogonResponseTimestampFailed},
+        {kVolumesReadyTimestampKey, volumesReadyTime_, kVolumesReadyTimestampFailed},
+        {kAllDoneTimestampKey, allDoneTime_, kAllDoneTimestampFailed},
+    };
+    HRESULT result = S_OK;
+    for (const auto& stamp : stamps) {
+        result = WriteMetricUInt64(sink, stamp.key, kMetricNamespace, MillisecondsSince1970(stamp.stamp));
+        if (FAILED(result)) {
+            LogFailure(Logger(), result, stamp.failure);
+            return result;
+        }
+    }
+    return result;
+}
+
+HRESULT CQuillonMetric::ReadManagerHost()
+{
+    std::wstring value;
+    const HRESULT read = ReadRegistryString(HKEY_LOCAL_MACHINE, kManagerKey, kManagerValue, value);
+    if (FAILED(read)) {
+        Log(Logger(), LogLevel::Warning, kManagerReadFailed, read);
+        return read;
+    }
+    if (value.empty()) {
+        Log(Logger(), LogLevel::Warning, kManagerEmpty);
+        return kManagerHostEmpty;
+    }
+
+    // The value may carry a port after a colon; the host is what comes before.
+    const size_t colon = value.find(L':');
+    if (colon != std::wstring::npos) {
+        value.erase(colon);
+    }
+    if (value == managerHost_) {
+        return S_OK;
+    }
+    managerHost_ = std::move(value);
+    Log(Logger(), LogLevel::Info, kManagerFound, managerHost_.c_str());
+    return S_OK;
+}
+
+HRESULT CQuillonMetric::ReportManagerHost(IMetricValueSink* sink)
+{
+    if (ReadManagerHost() == S_OK && !managerHost_.empty()) {
+        const HRESULT written = WriteMetricString(sink, kManagerHostKey, kManagerHostKey, managerHost_);
+        if (FAILED(written)) {
+            LogFailure(Logger(), written, kManagerWriteFailed);
+        }
+        return written;
+    }
+    Log(Logger(), LogLevel::Info, kManagerNotFound);
+    return S_OK;
+}
+
+HRESULT CQuillonMetric::ReportInstances(IMetricValueSink* sink)
+{
+    const TesseraList tesseras = collector_->GetTesseras();
+    if (tesseras.empty()) {
+        Log(Logger(), LogLevel::Info, kNoTesseras);
+        return S_OK;
+    }
+
+    const HRESULT flag = WriteMetricString(sink, kInstancesFlagKey, kInstancesFlagKey, kInstancesFlagValue);
+    if (FAILED(flag)) {
+        LogFailure(Logger(), flag, kInstancesFlagFailed);
+        return flag;
+    }
+    // Every Tessera gets its chance; the last write decides the result.
+    HRESULT result = S_OK;
+    for (const TesseraEntry& tessera : tesseras) {
+        result = WriteMetricString(sink, kInstanceKey, tessera.id, tessera.path);
+        if (FAILED(result)) {
+            LogFailure(Logger(), result, kInstanceFailed);
+        }
+    }
+    return result;
+}
+
+}  // namespace zeph

@@ -1,0 +1,68 @@
+// A hermetic installation of the layering service for tests: its executable
+// path in a redirected HKEY_LOCAL_MACHINE, its Logs folder in a fresh
+// temporary folder, and its log files written as the service writes them
+// (UTF-16LE, CRLF, no byte-order mark).
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+namespace zeph::test {
+
+// HKEY_LOCAL_MACHINE redirected, process-wide, to a scratch key under
+// HKEY_CURRENT_USER for the object's life; the scratch key is deleted after.
+class RedirectedMachineKey {
+public:
+    RedirectedMachineKey();
+    ~RedirectedMachineKey();
+    RedirectedMachineKey(const RedirectedMachineKey&) = delete;
+    RedirectedMachineKey& operator=(const RedirectedMachineKey&) = delete;
+
+    // Writes a value below the redirected HKEY_LOCAL_MACHINE (raw bytes as given).
+    void SetValue(const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD bytes);
+    // A string value with its terminating zero.
+    void SetString(const wchar_t* subkey, const wchar_t* name, const std::wstring& text, DWORD type = REG_SZ);
+
+private:
+    std::wstring scratchPath_;
+    HKEY scratch_ = nullptr;
+};
+
+class ServiceInstall {
+public:
+    static constexpr wchar_t kServiceKey[] = L"SYSTEM\\CurrentControlSet\\services\\drovesvc";
+    static constexpr wchar_t kParametersKey[] = L"SYSTEM\\CurrentControlSet\\services\\drovesvc\\Parameters";
+
+    // withImagePath: registers the service's (quoted) executable path.
+    explicit ServiceInstall(bool withImagePath = true);
+    ~ServiceInstall();
+    ServiceInstall(const ServiceInstall&) = delete;
+    ServiceInstall& operator=(const ServiceInstall&) = delete;
+
+    RedirectedMachineKey& Registry() { return registry_; }
+    const std::wstring& Folder() const { return folder_; }  // holds drovesvc.exe; no final backslash
+    std::wstring LogsFolder() const { return folder_ + L"\\Logs\\"; }
+
+    void SetManager(const std::wstring& text) { registry_.SetString(kParametersKey, L"Manager1", text); }
+
+    void WriteLog(const std::wstring& text) { WriteText(L"drovesvc.log", text, false); }
+    void AppendLog(const std::wstring& text) { WriteText(L"drovesvc.log", text, true); }
+    void AppendLogBytes(const void* data, DWORD bytes) { WriteBytes(L"drovesvc.log", data, bytes, true); }
+    void WriteBackup(const std::wstring& text) { WriteText(L"drovesvc_bak.log", text, false); }
+    // What the service does when its log is full: the log becomes the backup.
+    void RotateLog();
+    void RemoveLog();
+
+private:
+    void WriteText(const wchar_t* name, const std::wstring& text, bool append)
+    {
+        WriteBytes(name, text.data(), static_cast<DWORD>(text.size() * sizeof(wchar_t)), append);
+    }
+    void WriteBytes(const wchar_t* name, const void* data, DWORD bytes, bool append);
+
+    std::wstring folder_;
+    RedirectedMachineKey registry_;
+};
+
+}  // namespace zeph::test
