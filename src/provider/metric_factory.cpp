@@ -1,5 +1,6 @@
 #include "metric_factory.h"
 
+#include "app_crash_metric.h"
 #include "quillon_metric.h"
 
 #include <cwchar>
@@ -12,17 +13,17 @@ bool IsMetricName(const wchar_t* name, const wchar_t* known) noexcept
     return std::wcslen(name) == length && _wcsnicmp(name, known, length) == 0;
 }
 
+// Metrics are held with a reference-count block of their own, apart from the
+// object, so the object's memory goes as soon as its last owner does.
 std::shared_ptr<CMetric> MetricFactory(const wchar_t* name, Microsoft::WRL::ComPtr<IProviderLogger> logger,
                                        Microsoft::WRL::ComPtr<IProviderHostContext> hostContext)
 {
     if (IsMetricName(name, kQuillonMetricName)) {
-        return std::make_shared<CQuillonMetric>(name, logger.Get(), hostContext.Get());
+        return std::shared_ptr<CMetric>(new CQuillonMetric(name, logger.Get(), hostContext.Get()));
     }
     if (IsMetricName(name, kAppCrashMetricName)) {
-        return nullptr;  // the crash metric class is not built yet
+        return std::shared_ptr<CMetric>(new CAppCrashMetric(name, logger.Get(), hostContext.Get()));
     }
-    (void)logger;
-    (void)hostContext;
     return nullptr;
 }
 

@@ -1,0 +1,145 @@
+#include "app_crash_metric.h"
+
+#include "crash_text.h"
+#include "event_log_handle.h"
+#include "event_log_reader.h"
+#include "hresult.h"
+#include "logging.h"
+#include "metric_value_writer.h"
+
+#include <memory>
+#include <string>
+
+namespace zeph {
+
+namespace {
+
+constexpr wchar_t kHostNamePrefix[] = L"<br />Host Name: ";
+constexpr const wchar_t* kTimeCreatedPath[] = {L"Event/System/TimeCreated/@SystemTime"};
+
+constexpr wchar_t kNameLengthFailed[] = L"Failed to query the NetBIOS name buffer length";
+constexpr wchar_t kNameFailed[] = L"Failed to query the NetBIOS name of the local machine";
+constexpr wchar_t kNoCrash[] = L"No application crash available";
+constexpr wchar_t kFlagWriteFailed[] = L"Failed to write metric flag 'appcrash|contained'.";
+constexpr wchar_t kDetailWriteFailed[] = L"Failed to collect metric 'appcrash|crash_details|*'.";
+constexpr wchar_t kDropped[] = L"Collecting metric has exceeded max failure times. Delete event from list '%s'";
+constexpr wchar_t kFlagValue[] = L"true";
+
+}  // namespace
+
+CAppCrashMetric::CAppCrashMetric(const wchar_t* name, IProviderLogger* logger, IProviderHostContext* hostContext)
+    : CMetric(name, logger, hostContext), computerNameQuery_(&::GetComputerNameExW)
+{
+}
+
+CAppCrashMetric::~CAppCrashMetric()
+{
+    StopDeliveries();
+}
+
+void CAppCrashMetric::ParseEventLog(EVT_HANDLE event)
+{
+    unique_evt_handle renderContext;
+    std::lock_guard lock(mutex_);
+    if (hostNameText_.empty()) {
+        QueryHostName();  // a failure is retried with the next event
+    }
+    crashTimeText_.clear();
+
+    // The render context is made for this event and closed after the lock is released.
+    RenderEventValues(*renderContext.put(), event, kTimeCreatedPath, 1, [this](PEVT_VARIANT& values) {
+        if (values != nullptr) {
+            crashTimeText_ = FormatCrashTime(values[0].FileTimeVal);
+        }
+    });
+
+    // Opened afresh for every event and deliberately left open.
+    EVT_HANDLE publisher = ::EvtOpenPublisherMetadata(nullptr, kCrashPublisher, nullptr, 0, 0);
+    FormatEventMessage(publisher, event, [this](const wchar_t* message) { AddCrashEntry(message); });
+}
+
+void CAppCrashMetric::AddCrashEntry(const wchar_t* message)
+{
+    CrashEntry entry;
+    entry.text = ReplaceLineBreaks(message);
+    entry.text += crashTimeText_;
+    entry.text += hostNameText_;
+    pendingCrashes_.push_back(std::move(entry));
+}
+
+bool CAppCrashMetric::QueryHostName()
+{
+    DWORD size = 0;
+    computerNameQuery_(ComputerNameNetBIOS, nullptr, &size);
+    if (::GetLastError() != ERROR_MORE_DATA) {
+        Log(Logger(), LogLevel::Error, kNameLengthFailed);
+        return false;
+    }
+    auto buffer = std::make_unique<wchar_t[]>(size + 1);
+    if (!computerNameQuery_(ComputerNameNetBIOS, buffer.get(), &size)) {
+        LogFailure(Logger(), HResultFromWin32(static_cast<long>(::GetLastError())), kNameFailed);
+        return false;
+    }
+    hostNameText_ = kHostNamePrefix;
+    hostNameText_ += buffer.get();
+    return true;
+}
+
+HRESULT CAppCrashMetric::CollectMetric(IMetricValueSink* sink, LONG_PTR)
+{
+    std::lock_guard lock(mutex_);
+    const HRESULT flag = ReportCrashFlag(sink);
+    if (FAILED(flag)) {
+        return flag;
+    }
+    return ReportCrashDetails(sink);
+}
+
+HRESULT CAppCrashMetric::ReportCrashFlag(IMetricValueSink* sink)
+{
+    if (pendingCrashes_.empty()) {
+        Log(Logger(), LogLevel::Info, kNoCrash);
+        return S_OK;
+    }
+    const HRESULT result = WriteMetricString(sink, kCrashFlagKey, kCrashFlagKey, kFlagValue);
+    if (FAILED(result)) {
+        LogFailure(Logger(), result, kFlagWriteFailed);
+    }
+    return result;
+}
+
+HRESULT CAppCrashMetric::ReportCrashDetails(IMetricValueSink* sink)
+{
+    uint32_t position = 0;
+    while (!pendingCrashes_.empty()) {
+        CrashEntry& entry = pendingCrashes_.front();
+        ++position;
+        const HRESULT result = WriteCrashDetail(sink, entry, position);
+        if (SUCCEEDED(result)) {
+            pendingCrashes_.pop_front();
+            continue;
+        }
+        // Refused: this crash and the ones behind it wait for the next report,
+        // unless this was its last chance.
+        if (++entry.failureCount < kMaxReportFailures) {
+            return result;
+        }
+        pendingCrashes_.pop_front();
+        // The line names the entry only after it is gone, so its quotes stay empty.
+        Log(Logger(), LogLevel::Info, kDropped, L"");
+        return result;
+    }
+    return S_OK;
+}
+
+HRESULT CAppCrashMetric::WriteCrashDetail(IMetricValueSink* sink, const CrashEntry& entry, uint32_t position)
+{
+    const std::wstring instance = std::to_wstring(position);
+    const HRESULT result = WriteMetricString(sink, kCrashDetailsKey, instance, entry.text);
+    if (FAILED(result)) {
+        LogFailure(Logger(), result, kDetailWriteFailed);
+    }
+    return result;
+}
+
+}  // namespace zeph

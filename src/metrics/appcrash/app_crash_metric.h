@@ -1,0 +1,64 @@
+// CAppCrashMetric: "eventlog|eventlog_appcrash". Every application crash event
+// delivered to it becomes a pending detail text (message, crash time, host
+// name joined with "<br />"); a query reports whether crashes are pending and
+// hands each one to the host, dropping a crash once the host has refused it
+// three times.
+//
+// Threads: ParseEventLog runs on event delivery threads, CollectMetric on the
+// host's thread; both hold the metric's mutex for their whole run, including
+// the calls into the host's logger and sink.
+// Teardown: deliveries stop before any member goes.
+#pragma once
+
+#include "metric.h"
+
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+
+namespace zeph {
+
+inline constexpr wchar_t kCrashFlagKey[] = L"appcrash|contained";
+inline constexpr wchar_t kCrashDetailsKey[] = L"appcrash|crash_details|*";
+inline constexpr wchar_t kCrashPublisher[] = L"Application Error";
+
+// One pending crash.
+struct CrashEntry {
+    std::wstring text;
+    uint32_t failureCount = 0;  // refused reports so far
+};
+
+// A crash refused this many times is dropped.
+inline constexpr uint32_t kMaxReportFailures = 3;
+
+class CAppCrashMetric final : public CMetric {
+public:
+    // GetComputerNameExW's shape; replaceable so the name lookup's failure path can be driven.
+    using ComputerNameQuery = BOOL(WINAPI*)(COMPUTER_NAME_FORMAT format, LPWSTR buffer, LPDWORD size);
+
+    CAppCrashMetric(const wchar_t* name, IProviderLogger* logger, IProviderHostContext* hostContext);
+    ~CAppCrashMetric() override;
+
+    HRESULT CollectMetric(IMetricValueSink* sink, LONG_PTR context) override;
+
+    void UseComputerNameQuery(ComputerNameQuery query) noexcept { computerNameQuery_ = query; }
+
+protected:
+    void ParseEventLog(EVT_HANDLE event) override;
+
+private:
+    void AddCrashEntry(const wchar_t* message);
+    bool QueryHostName();
+    HRESULT ReportCrashFlag(IMetricValueSink* sink);
+    HRESULT ReportCrashDetails(IMetricValueSink* sink);
+    HRESULT WriteCrashDetail(IMetricValueSink* sink, const CrashEntry& entry, uint32_t position);
+
+    ComputerNameQuery computerNameQuery_;
+    std::mutex mutex_;
+    std::wstring crashTimeText_;        // of the event being parsed
+    std::wstring hostNameText_;         // "<br />Host Name: NAME", once known
+    std::deque<CrashEntry> pendingCrashes_;  // oldest first
+};
+
+}  // namespace zeph
