@@ -1,0 +1,94 @@
+// The class factory of a COM class T (see com_object.h for what T provides).
+//
+// One factory per class and process: Instance() hands out the same object to
+// every caller, and it lives as long as the module. While anybody holds a
+// reference to it, and for every LockServer(TRUE) not yet undone, the module
+// stays locked, so the DLL cannot be unloaded under a caller's feet.
+// Creation: without an outer object a ComObject<T>; with one, only IUnknown
+// may be asked for (CLASS_E_NOAGGREGATION otherwise) and the caller gets the
+// inner unknown of a ComAggObject<T>.
+// Threads: any; the reference count is atomic and the factory has no other state.
+#pragma once
+
+#include "com_object.h"
+#include "hresult.h"
+#include "module_lock.h"
+
+#include <windows.h>
+#include <unknwn.h>
+
+#include <atomic>
+
+namespace zeph {
+
+template <typename T>
+class ClassFactory final : public IClassFactory {
+public:
+    static ClassFactory& Instance() noexcept
+    {
+        static ClassFactory factory;
+        return factory;
+    }
+
+    STDMETHODIMP QueryInterface(REFIID riid, void** object) override
+    {
+        if (object == nullptr) {
+            return E_POINTER;
+        }
+        if (riid == IID_IUnknown || riid == IID_IClassFactory) {
+            *object = static_cast<IClassFactory*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *object = nullptr;
+        return E_NOINTERFACE;
+    }
+
+    // The first outside reference locks the module, the last one unlocks it;
+    // the object itself is never deleted.
+    STDMETHODIMP_(ULONG) AddRef() override
+    {
+        const ULONG count = ++references_;
+        if (count == 1) {
+            LockModule();
+        }
+        return count;
+    }
+    STDMETHODIMP_(ULONG) Release() override
+    {
+        const ULONG count = --references_;
+        if (count == 0) {
+            UnlockModule();
+        }
+        return count;
+    }
+
+    STDMETHODIMP CreateInstance(IUnknown* outer, REFIID riid, void** object) override
+    {
+        if (object == nullptr) {
+            return E_POINTER;
+        }
+        *object = nullptr;
+        return ComBarrier([&] {
+            return outer != nullptr ? ComAggObject<T>::Create(outer, riid, object)
+                                    : ComObject<T>::Create(riid, object);
+        });
+    }
+
+    STDMETHODIMP LockServer(BOOL lock) override
+    {
+        if (lock) {
+            LockModule();
+        } else {
+            UnlockModule();
+        }
+        return S_OK;
+    }
+
+private:
+    ClassFactory() = default;
+
+    std::atomic<ULONG> references_{0};
+};
+
+}  // namespace zeph

@@ -1,0 +1,4 @@
+// Resource identifiers of zeph_eventlog.dll.
+#pragma once
+
+#define IDS_PROJNAME 100

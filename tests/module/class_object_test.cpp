@@ -1,0 +1,169 @@
+// The class factory and the unload rule, through DllGetClassObject and
+// DllCanUnloadNow as a host calls them.
+#include "loaded_server.h"
+#include "test_com_object.h"
+
+#include "zeph_eventlog_h.h"
+
+#include <gtest/gtest.h>
+#include <wrl/client.h>
+
+namespace zeph::test {
+namespace {
+
+using Microsoft::WRL::ComPtr;
+
+const CLSID kOtherClsid = {0x11111111, 0x2222, 0x3333, {0x44, 0x44, 0x55, 0x55, 0x55, 0x55, 0x55, 0x55}};
+const CLSID kOuterClassId = {0x0badc0de, 0x1234, 0x5678, {0x9a, 0xbc, 0xde, 0xf0, 0x12, 0x34, 0x56, 0x78}};
+
+// An object that aggregates the provider: IPersist is its own, everything else
+// goes to the provider's inner unknown, which it releases when it goes.
+class OuterObject final : public TestComObject<IPersist> {
+public:
+    ~OuterObject() override
+    {
+        if (inner_ != nullptr) {
+            inner_->Release();
+        }
+    }
+
+    STDMETHODIMP QueryInterface(REFIID riid, void** object) override
+    {
+        const HRESULT own = TestComObject<IPersist>::QueryInterface(riid, object);
+        if (SUCCEEDED(own) || inner_ == nullptr) {
+            return own;
+        }
+        return inner_->QueryInterface(riid, object);
+    }
+    STDMETHODIMP GetClassID(CLSID* classId) override
+    {
+        *classId = kOuterClassId;
+        return S_OK;
+    }
+
+    IUnknown* Identity() { return static_cast<IUnknown*>(this); }
+    IUnknown* Inner() const { return inner_; }
+    void** InnerSlot() { return reinterpret_cast<void**>(&inner_); }
+
+private:
+    IUnknown* inner_ = nullptr;
+};
+
+class ClassObjectTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(server_.Loaded()); }
+
+    ComPtr<IClassFactory> Factory()
+    {
+        ComPtr<IClassFactory> factory;
+        EXPECT_EQ(server_.GetClassObject(CLSID_Provider, IID_PPV_ARGS(&factory)), S_OK);
+        return factory;
+    }
+
+    LoadedServer server_;
+};
+
+TEST_F(ClassObjectTest, OneSharedFactoryForTheProviderClassAndNoneForAnyOther)
+{
+    ComPtr<IClassFactory> first = Factory();
+    ComPtr<IClassFactory> second = Factory();
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first.Get(), second.Get());
+
+    void* object = &object;
+    EXPECT_EQ(server_.GetClassObject(kOtherClsid, IID_IClassFactory, &object), CLASS_E_CLASSNOTAVAILABLE);
+    EXPECT_EQ(object, nullptr);
+    object = &object;
+    EXPECT_EQ(server_.GetClassObject(CLSID_Provider, __uuidof(IZephDataProvider), &object), E_NOINTERFACE);
+    EXPECT_EQ(object, nullptr);
+    EXPECT_EQ(server_.GetClassObject(CLSID_Provider, IID_IClassFactory, nullptr), E_POINTER);
+
+    // A creation that fails leaves nothing alive.
+    object = &object;
+    EXPECT_EQ(first->CreateInstance(nullptr, IID_IPersist, &object), E_NOINTERFACE);
+    EXPECT_EQ(object, nullptr);
+    first.Reset();
+    second.Reset();
+    EXPECT_EQ(server_.CanUnloadNow(), S_OK);
+}
+
+TEST_F(ClassObjectTest, CanUnloadNowOnlyWhenNoFactoryProviderOrServerLockRemains)
+{
+    EXPECT_EQ(server_.CanUnloadNow(), S_OK);
+
+    ComPtr<IClassFactory> factory = Factory();
+    EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);  // a held class object keeps the DLL too
+    ComPtr<IZephDataProvider> provider;
+    ASSERT_EQ(factory->CreateInstance(nullptr, IID_PPV_ARGS(&provider)), S_OK);
+    ComPtr<IZephDataProvider> another;
+    ASSERT_EQ(factory->CreateInstance(nullptr, IID_PPV_ARGS(&another)), S_OK);
+    EXPECT_NE(provider.Get(), another.Get());
+    factory.Reset();
+    EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);
+    provider.Reset();
+    EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);
+    another.Reset();
+    EXPECT_EQ(server_.CanUnloadNow(), S_OK);
+
+    Factory()->LockServer(TRUE);
+    EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);
+    Factory()->LockServer(TRUE);
+    Factory()->LockServer(FALSE);
+    EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);
+    Factory()->LockServer(FALSE);
+    EXPECT_EQ(server_.CanUnloadNow(), S_OK);
+}
+
+TEST_F(ClassObjectTest, AggregatedProviderTakesTheOuterObjectsIdentityAndCount)
+{
+    ComPtr<IClassFactory> factory = Factory();
+    auto* outer = new OuterObject();
+
+    // With an outer object only the inner unknown may be asked for.
+    void* refused = &refused;
+    EXPECT_EQ(factory->CreateInstance(outer, __uuidof(IZephDataProvider), &refused), CLASS_E_NOAGGREGATION);
+    EXPECT_EQ(refused, nullptr);
+    EXPECT_EQ(factory->CreateInstance(outer, IID_IDispatch, &refused), CLASS_E_NOAGGREGATION);
+    EXPECT_EQ(outer->References(), 1u);
+
+    ASSERT_EQ(factory->CreateInstance(outer, IID_IUnknown, outer->InnerSlot()), S_OK);
+    ASSERT_NE(outer->Inner(), nullptr);
+    factory.Reset();
+    EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);
+
+    // The inner unknown is an identity of its own.
+    ComPtr<IUnknown> innerIdentity;
+    ASSERT_EQ(outer->Inner()->QueryInterface(IID_PPV_ARGS(&innerIdentity)), S_OK);
+    EXPECT_EQ(innerIdentity.Get(), outer->Inner());
+    innerIdentity.Reset();
+
+    // The provider's interfaces are counted on the outer object and answer for it.
+    ComPtr<IZephDataProvider> provider;
+    ASSERT_EQ(outer->QueryInterface(IID_PPV_ARGS(&provider)), S_OK);
+    EXPECT_EQ(outer->References(), 2u);
+    ComPtr<IUnknown> identity;
+    ASSERT_EQ(provider->QueryInterface(IID_PPV_ARGS(&identity)), S_OK);
+    EXPECT_EQ(identity.Get(), outer->Identity());
+    ComPtr<IPersist> persist;
+    ASSERT_EQ(provider.As(&persist), S_OK);
+    CLSID classId{};
+    ASSERT_EQ(persist->GetClassID(&classId), S_OK);
+    EXPECT_EQ(classId, kOuterClassId);
+    ComPtr<IDataProvider> base;
+    ASSERT_EQ(provider.As(&base), S_OK);
+    EXPECT_EQ(static_cast<void*>(base.Get()), static_cast<void*>(provider.Get()));
+    EXPECT_EQ(outer->References(), 5u);
+    EXPECT_EQ(provider->Reserved1(), S_OK);
+
+    identity.Reset();
+    persist.Reset();
+    base.Reset();
+    provider.Reset();
+    EXPECT_EQ(outer->References(), 1u);
+    EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);
+    outer->Release();  // takes the inner object with it
+    EXPECT_EQ(server_.CanUnloadNow(), S_OK);
+}
+
+}  // namespace
+}  // namespace zeph::test
