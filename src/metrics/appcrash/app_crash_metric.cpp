@@ -48,7 +48,9 @@ void CAppCrashMetric::ParseEventLog(EVT_HANDLE event)
 
     // The render context is made for this event and closed after the lock is released.
     RenderEventValues(*renderContext.put(), event, kTimeCreatedPath, 1, [this](PEVT_VARIANT& values) {
-        if (values != nullptr) {
+        // An event without its time renders as a null value: the crash then
+        // goes without a time part rather than with a made-up 1601 one.
+        if (values != nullptr && values[0].Type == EvtVarTypeFileTime) {
             crashTimeText_ = FormatCrashTime(values[0].FileTimeVal);
         }
     });
