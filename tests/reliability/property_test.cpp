@@ -1,0 +1,348 @@
+// Seeded property tests: the text rules of the two metrics against small
+// reference models written here, on thousands of generated inputs built
+// from the fragments the rules care about. Every generator is seeded, so a
+// failure names a round that reproduces.
+#include "app_crash_metric.h"
+#include "config_element.h"
+#include "crash_text.h"
+#include "layering_env.h"
+#include "metric_factory.h"
+#include "quillon_event.h"
+#include "quillon_log_collector.h"
+#include "recording_logger.h"
+#include "recording_sink.h"
+#include "reliability_host.h"
+#include "simulated_event_log.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cwctype>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zeph {
+namespace {
+
+using Microsoft::WRL::ComPtr;
+using namespace test;
+using Kind = QuillonEventKind;
+
+// Joins count fragments drawn from pieces, or single random code units.
+std::wstring Compose(std::mt19937& random, const std::vector<std::wstring>& pieces, int maxPieces)
+{
+    std::wstring text;
+    const int count = static_cast<int>(random() % static_cast<unsigned>(maxPieces + 1));
+    for (int i = 0; i < count; ++i) {
+        if (random() % 8 == 0) {
+            text += static_cast<wchar_t>(random() % 0x80);  // any ASCII unit, zero included
+        } else {
+            text += pieces[random() % pieces.size()];
+        }
+    }
+    return text;
+}
+
+// ---- message classification
+
+// The rules as a plain chain of tests, each spelled out with the standard algorithms.
+Kind ClassifyModel(const std::wstring& message)
+{
+    const auto startsWith = [&](std::wstring_view prefix) {
+        return message.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), message.begin());
+    };
+    const auto contains = [&](std::wstring_view part) {
+        return std::search(message.begin(), message.end(), part.begin(), part.end()) != message.end();
+    };
+    if (startsWith(L"User is logging in")) return Kind::LogOn;
+    if (startsWith(L"User is logging off")) return Kind::LogOff;
+    if (startsWith(L"Response 200 from Manager")) return Kind::LogOnResponse;
+    if (startsWith(L"Last volume loaded")) return Kind::AllDone;
+    if (startsWith(L"New volume event (mounted):") && contains(L"(VolumeType 2)")) return Kind::VolumesReady;
+    if (startsWith(L"User is logging out")) return Kind::LogOff;
+    if (startsWith(L"Response received from Manager") && contains(L"LOGIN")) return Kind::LogOnResponse;
+    if (startsWith(L"New volume finished processing") && contains(L"VolumeType: 2")) return Kind::VolumesReady;
+    if (startsWith(L"All volumes finished processing")) return Kind::AllDone;
+    return Kind::Other;
+}
+
+const std::vector<std::wstring> kWordings = {
+    L"User is logging in",          L"User is logging off",          L"Response 200 from Manager",
+    L"Last volume loaded",          L"New volume event (mounted):",  L"User is logging out",
+    L"Response received from Manager", L"New volume finished processing", L"All volumes finished processing",
+};
+const std::vector<std::wstring> kSecondConditions = {L"(VolumeType 2)", L"LOGIN", L"VolumeType: 2"};
+
+// The wordings, the second conditions, and near misses of each.
+std::vector<std::wstring> ClassificationPieces()
+{
+    std::vector<std::wstring> wordings = kWordings;
+    wordings.insert(wordings.end(), kSecondConditions.begin(), kSecondConditions.end());
+    std::vector<std::wstring> pieces = wordings;
+    for (int weight = 0; weight < 8; ++weight) {
+        pieces.insert(pieces.end(), kSecondConditions.begin(), kSecondConditions.end());
+    }
+    for (const std::wstring& wording : wordings) {
+        pieces.push_back(L" " + wording);                       // not at the start
+        pieces.push_back(wording.substr(0, wording.size() - 1));  // one unit short
+        std::wstring upper = wording;
+        std::transform(upper.begin(), upper.end(), upper.begin(), [](wchar_t c) { return static_cast<wchar_t>(::towupper(c)); });
+        pieces.push_back(upper);                                // another letter case
+    }
+    for (const wchar_t* filler : {L" ", L"\r\n", L": ", L"(VolumeType 1)", L"VolumeType: 1", L"LOGOFF", L"login"}) {
+        pieces.push_back(filler);
+    }
+    return pieces;
+}
+
+TEST(ClassifyPropertyTest, AgreesWithTheRuleChainOnGeneratedMessages)
+{
+    std::mt19937 random(7031);
+    const std::vector<std::wstring> pieces = ClassificationPieces();
+    std::array<int, 6> seen{};
+    for (int round = 0; round < 20000; ++round) {
+        // Half the messages start with a wording, where the rules look.
+        const std::wstring lead = random() % 2 == 0 ? kWordings[random() % kWordings.size()] : L"";
+        const std::wstring message = lead + Compose(random, pieces, 4);
+        const Kind expected = ClassifyModel(message);
+        ASSERT_EQ(ClassifyEventMessage(message), expected) << "round " << round;
+        ++seen[static_cast<size_t>(expected)];
+    }
+    // The generator reaches every kind often enough for the agreement to mean something.
+    for (size_t kind = 0; kind < seen.size(); ++kind) {
+        EXPECT_GT(seen[kind], 100) << "kind " << kind;
+    }
+}
+
+// ---- mount entries
+
+// Mount entries by hand: index loops, no library search.
+std::vector<TesseraEntry> MountModel(const std::wstring& text, size_t start)
+{
+    const std::wstring token = L"MOUNTED-READ;";
+    const size_t npos = std::wstring::npos;
+    std::vector<TesseraEntry> found;
+    size_t from = start;
+    for (;;) {
+        size_t at = npos;
+        for (size_t i = from; i + token.size() <= text.size() && at == npos; ++i) {
+            size_t matched = 0;
+            while (matched < token.size() && text[i + matched] == token[matched]) {
+                ++matched;
+            }
+            if (matched == token.size()) {
+                at = i;
+            }
+        }
+        if (at == npos) {
+            break;
+        }
+        const size_t pathStart = at + token.size();
+        size_t separator = npos;
+        for (size_t i = pathStart; i < text.size() && separator == npos; ++i) {
+            if (text[i] == L';') {
+                separator = i;
+            }
+        }
+        if (separator == npos) {
+            break;  // also when the token ends the text
+        }
+        size_t lineEnd = npos;
+        for (size_t i = separator; i + 1 < text.size() && lineEnd == npos; ++i) {
+            if (text[i] == L'\r' && text[i + 1] == L'\n') {
+                lineEnd = i;
+            }
+        }
+        if (lineEnd == npos) {
+            break;
+        }
+        found.push_back({text.substr(separator + 1, lineEnd - separator - 1), text.substr(pathStart, separator - pathStart)});
+        from = lineEnd;
+    }
+    return found;
+}
+
+const std::vector<std::wstring> kMountPieces = {
+    L"MOUNTED-READ;C:\\T\\a.vhdx;id-7\r\n", L"MOUNTED-READ;C:\\T\\b.vhdx;", L"MOUNTED-READ;", L"MOUNTED-READ;",
+    L"MOUNTED-READ",  L"MOUNTED-READ:", L"MOUNTED-",     L";",  L";", L";",  L"\r\n", L"\r\n", L"\r\n", L"\r",
+    L"\n",            L"C:\\T\\a.vhdx", L"id-7",         L" ",  std::wstring(1, L'\0'), L"%s",
+    L"Manager status 200 response",
+};
+
+TEST(MountEntryPropertyTest, AgreesWithTheModelFromAnyStartPosition)
+{
+    std::mt19937 random(424242);
+    size_t entries = 0;
+    for (int round = 0; round < 20000; ++round) {
+        const std::wstring text = Compose(random, kMountPieces, 16);
+        const size_t start = random() % (text.size() + 3);
+        CQuillonLogCollector collector(nullptr);
+        EXPECT_TRUE(collector.ParseMountedTesseras(text, start));
+        const std::vector<TesseraEntry> expected = MountModel(text, start);
+        ASSERT_EQ(collector.GetTesseras(), expected) << "round " << round;
+        entries += expected.size();
+
+        // Parsing again appends the same entries once more: no state but the list.
+        collector.ParseMountedTesseras(text, start);
+        ASSERT_EQ(collector.GetTesseras().size(), 2 * expected.size()) << "round " << round;
+    }
+    EXPECT_GT(entries, 2000u) << "the generator should make many complete mount lines";
+}
+
+TEST(MountEntryPropertyTest, LogsPathThenIdForEveryEntryWhateverTheyHold)
+{
+    std::mt19937 random(9001);
+    for (int round = 0; round < 1500; ++round) {
+        const std::wstring text = Compose(random, kMountPieces, 12);
+        ComPtr<RecordingLogger> logger;
+        logger = Adopt(new RecordingLogger(0x7));
+        CQuillonLogCollector collector(logger.Get());
+        collector.ParseMountedTesseras(text, 0);
+
+        // A log line is a C string: a zero unit ends the path or id in it.
+        std::vector<std::wstring> expected;
+        for (const TesseraEntry& entry : MountModel(text, 0)) {
+            expected.push_back(L"Find tessera path: " + entry.path.substr(0, entry.path.find(L'\0')));
+            expected.push_back(L"Find tessera id: " + entry.id.substr(0, entry.id.find(L'\0')));
+        }
+        ASSERT_EQ(logger->Texts(), expected) << "round " << round;
+    }
+}
+
+// ---- the collected service log
+
+// What a log-on cycle collects: text from the begin size on, across a
+// rotation when there was one. Each file's part ends at its first zero unit.
+std::wstring UpToZero(const std::wstring& text)
+{
+    return text.substr(0, text.find(L'\0'));
+}
+
+TEST(CollectedLogPropertyTest, FindsTheResponseAndItsMountsInWhatWasWrittenSinceLogOn)
+{
+    ServiceInstall service;
+    std::mt19937 random(1234);
+    const std::vector<std::wstring> pieces = {
+        L"Manager status 200 response", L"Manager status 200 response", L"MOUNTED-READ;C:\\T\\", L"x.vhdx",
+        L";",  L"id-", L"\r\n", L"\r\n", L"text ", std::wstring(1, L'\0'),
+    };
+    int rotated = 0;
+    int found = 0;
+    for (int round = 0; round < 300; ++round) {
+        const std::wstring before = std::wstring(random() % 200, L'.') + Compose(random, pieces, 6);
+        const std::wstring tail = Compose(random, pieces, 10);
+        const std::wstring fresh = Compose(random, pieces, 10);
+        const bool rotate = random() % 3 == 0 && fresh.size() < before.size();
+        service.WriteLog(before);
+        service.WriteBackup(L"");
+
+        CQuillonLogCollector collector(nullptr);
+        ASSERT_TRUE(collector.PrepareCollectLog()) << "round " << round;
+        service.AppendLog(tail);
+        std::wstring collected = UpToZero(tail);
+        if (rotate) {
+            // The service renames the full log and starts a new one.
+            service.RotateLog();
+            service.WriteLog(fresh);
+            collected = UpToZero(tail) + UpToZero(fresh);
+            ++rotated;
+        }
+
+        const size_t response = collected.find(L"Manager status 200 response");
+        EXPECT_EQ(collector.FindLoginResponse(), response != std::wstring::npos) << "round " << round;
+        EXPECT_EQ(collector.CollectedText(), collected) << "round " << round;
+        const std::vector<TesseraEntry> expected =
+            response == std::wstring::npos ? std::vector<TesseraEntry>{} : MountModel(collected, response + 27);
+        ASSERT_EQ(collector.GetTesseras(), expected) << "round " << round;
+        found += response != std::wstring::npos ? 1 : 0;
+    }
+    EXPECT_GT(rotated, 30);
+    EXPECT_GT(found, 50);
+}
+
+// ---- line breaks in crash texts
+
+// Line-break replacement as a one-pass state machine: a carriage return is
+// held back until the next unit shows whether it starts a pair.
+std::wstring LineBreakModel(std::wstring_view message)
+{
+    std::wstring out;
+    bool heldReturn = false;
+    for (const wchar_t c : message) {
+        if (heldReturn) {
+            heldReturn = false;
+            if (c == L'\n') {
+                out += L"<br />";
+                continue;
+            }
+            out += L'\r';
+        }
+        if (c == L'\r') {
+            heldReturn = true;
+        } else {
+            out += c;
+        }
+    }
+    if (heldReturn) {
+        out += L'\r';
+    }
+    return out;
+}
+
+const std::vector<std::wstring> kBreakPieces = {
+    L"\r\n", L"\r\n", L"\r", L"\n", L"\n\r", L"\r\r\n\n", L"<br />", L"<br", L"Faulting module",
+    std::wstring(1, L'\0'), L"\xD83D\xDE00", L"\xDC00", L" ", L"%s",
+};
+
+TEST(LineBreakPropertyTest, LongTextsWithZerosAndSurrogatesAgreeWithTheStateMachine)
+{
+    std::mt19937 random(5150);
+    for (int round = 0; round < 4000; ++round) {
+        const std::wstring message = Compose(random, kBreakPieces, round % 10 == 0 ? 600 : 40);
+        const std::wstring replaced = ReplaceLineBreaks(message);
+        ASSERT_EQ(replaced, LineBreakModel(message)) << "round " << round;
+        // No pair survives, and everything else is kept in order.
+        ASSERT_EQ(replaced.find(L"\r\n"), std::wstring::npos) << "round " << round;
+    }
+}
+
+// The same rule through the whole road: crash events with generated messages
+// come back from a report as the model's text, then the time and host parts.
+TEST(LineBreakPropertyTest, CrashEventsCarryTheReplacedMessageIntoTheirDetails)
+{
+    constexpr wchar_t kChannel[] = L"ZephPropertyCrashes";
+    const DWORD added = ::EvtSimAddChannel(kChannel);
+    ASSERT_TRUE(added == ERROR_SUCCESS || added == ERROR_ALREADY_EXISTS);
+    ComPtr<RecordingSink> sink;
+    sink = Adopt(new RecordingSink());
+    CAppCrashMetric metric(kAppCrashMetricName, nullptr, nullptr);
+    ASSERT_EQ(metric.Subscribe(MakeMetricConfig(kChannel, L"*").Get()), S_OK);
+
+    std::mt19937 random(8086);
+    std::vector<std::wstring> pieces = kBreakPieces;
+    pieces.erase(std::remove(pieces.begin(), pieces.end(), std::wstring(1, L'\0')), pieces.end());  // C strings
+    std::vector<std::wstring> messages;
+    const ULONGLONG time = FileTimeOf(2026, 11, 21, 6, 7, 8);
+    for (int round = 0; round < 400; ++round) {
+        std::wstring message = Compose(random, pieces, 30);
+        message.erase(std::remove(message.begin(), message.end(), L'\0'), message.end());
+        messages.push_back(message);
+        WriteEvent(kChannel, kCrashPublisher, 1000, time, message);
+    }
+    WaitForDeliveries();
+    ASSERT_EQ(metric.CollectMetric(sink.Get(), 0), S_OK);
+
+    const std::wstring suffix = L"<br />Crash Time: 2026-11-21 06:07:08" + HostNamePart();
+    const std::vector<SinkWrite> writes = sink->Writes();
+    ASSERT_EQ(writes.size(), messages.size() + 1);
+    for (size_t i = 0; i < messages.size(); ++i) {
+        EXPECT_EQ(writes[i + 1].name, std::to_wstring(i + 1));
+        ASSERT_EQ(writes[i + 1].text, LineBreakModel(messages[i]) + suffix) << "message " << i;
+    }
+}
+
+}  // namespace
+}  // namespace zeph
