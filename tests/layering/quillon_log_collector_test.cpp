@@ -17,9 +17,7 @@ using Texts = std::vector<std::wstring>;
 
 ComPtr<RecordingLogger> NewLogger()
 {
-    ComPtr<RecordingLogger> logger;
-    logger.Attach(new RecordingLogger(0x7));
-    return logger;
+    return test::Adopt(new RecordingLogger(0x7));
 }
 
 class CollectorTest : public ::testing::Test {

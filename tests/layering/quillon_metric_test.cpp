@@ -37,14 +37,6 @@ Texts Joined(Texts first, const Texts& second)
     return first;
 }
 
-template <typename T>
-ComPtr<T> Adopt(T* object)
-{
-    ComPtr<T> pointer;
-    pointer.Attach(object);
-    return pointer;
-}
-
 class QuillonMetricTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { EvtSimAddChannel(kChannel); }

@@ -18,17 +18,6 @@
 
 namespace zeph::test {
 
-// Takes over the reference a new test double is born with. (The toolchain's
-// ComPtr::Attach adds a reference of its own, which would leave every double
-// one reference short of being freed.)
-template <typename T>
-Microsoft::WRL::ComPtr<T> Adopt(T* created)
-{
-    Microsoft::WRL::ComPtr<T> pointer;
-    *pointer.GetAddressOf() = created;
-    return pointer;
-}
-
 // A provider object made the way the class factory makes one.
 Microsoft::WRL::ComPtr<IZephDataProvider> NewProvider();
 

@@ -8,6 +8,8 @@
 
 #include <agent.h>
 
+#include <wrl/client.h>
+
 #include <atomic>
 
 namespace zeph::test {
@@ -62,6 +64,17 @@ public:
         return E_NOTIMPL;
     }
 };
+
+// Takes over the reference a new test double is born with. (The toolchain's
+// ComPtr::Attach adds a reference of its own, which would leave every double
+// one reference short of being freed.)
+template <typename T>
+Microsoft::WRL::ComPtr<T> Adopt(T* created)
+{
+    Microsoft::WRL::ComPtr<T> pointer;
+    *pointer.GetAddressOf() = created;
+    return pointer;
+}
 
 // A host context: no methods, only its reference count matters.
 class CountingHostContext final : public TestComObject<IProviderHostContext> {};
