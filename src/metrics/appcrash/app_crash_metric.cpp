@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace zeph {
 
@@ -28,7 +29,9 @@ constexpr wchar_t kFlagValue[] = L"true";
 }  // namespace
 
 CAppCrashMetric::CAppCrashMetric(const wchar_t* name, IProviderLogger* logger, IProviderHostContext* hostContext)
-    : CMetric(name, logger, hostContext), computerNameQuery_(&::GetComputerNameExW)
+    : CMetric(name, logger, hostContext),
+      computerNameQuery_(&::GetComputerNameExW),
+      pendingCrashes_(PrivateHeapAllocator<CrashEntry>(crashHeap_))
 {
 }
 
@@ -51,7 +54,7 @@ void CAppCrashMetric::ParseEventLog(EVT_HANDLE event)
         // An event without its time renders as a null value: the crash then
         // goes without a time part rather than with a made-up 1601 one.
         if (values != nullptr && values[0].Type == EvtVarTypeFileTime) {
-            crashTimeText_ = FormatCrashTime(values[0].FileTimeVal);
+            AppendCrashTime(crashTimeText_, values[0].FileTimeVal);  // emptied above; its storage stays
         }
     });
 
@@ -62,8 +65,11 @@ void CAppCrashMetric::ParseEventLog(EVT_HANDLE event)
 
 void CAppCrashMetric::AddCrashEntry(const wchar_t* message)
 {
-    CrashEntry entry;
-    entry.text = ReplaceLineBreaks(message);
+    // Built at its final size: one allocation per crash.
+    const std::wstring_view text(message);
+    CrashEntry entry{CrashText(PrivateHeapAllocator<wchar_t>(crashHeap_)), 0};
+    entry.text.reserve(ReplacedLineBreaksLength(text) + crashTimeText_.size() + hostNameText_.size());
+    AppendReplacingLineBreaks(entry.text, text);
     entry.text += crashTimeText_;
     entry.text += hostNameText_;
     pendingCrashes_.push_back(std::move(entry));

@@ -4,13 +4,17 @@
 // hands each one to the host, dropping a crash once the host has refused it
 // three times.
 //
+// Ownership: the pending crashes live in a heap of the metric's own, made with
+// the metric and destroyed after them.
 // Threads: ParseEventLog runs on event delivery threads, CollectMetric on the
 // host's thread; both hold the metric's mutex for their whole run, including
 // the calls into the host's logger and sink.
 // Teardown: deliveries stop before any member goes.
 #pragma once
 
+#include "crash_text.h"
 #include "metric.h"
+#include "private_heap.h"
 
 #include <cstdint>
 #include <deque>
@@ -25,7 +29,7 @@ inline constexpr wchar_t kCrashPublisher[] = L"Application Error";
 
 // One pending crash.
 struct CrashEntry {
-    std::wstring text;
+    CrashText text;
     uint32_t failureCount = 0;  // refused reports so far
 };
 
@@ -58,7 +62,12 @@ private:
     std::mutex mutex_;
     std::wstring crashTimeText_;        // of the event being parsed
     std::wstring hostNameText_;         // "<br />Host Name: NAME", once known
-    std::deque<CrashEntry> pendingCrashes_;  // oldest first
+    // Pending crashes stay until the host's next query, which may be minutes
+    // away, while everything else in the process allocates around them: kept
+    // in the runtime's heap they scattered it (see private_heap.h). Declared
+    // first, so the heap outlives the queue.
+    PrivateHeap crashHeap_;
+    std::deque<CrashEntry, PrivateHeapAllocator<CrashEntry>> pendingCrashes_;  // oldest first
 };
 
 }  // namespace zeph

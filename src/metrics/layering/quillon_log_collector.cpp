@@ -1,5 +1,6 @@
 #include "quillon_log_collector.h"
 
+#include "code_unit_search.h"
 #include "logging.h"
 
 #include <iterator>
@@ -193,26 +194,25 @@ bool CQuillonLogCollector::ReadLogBytes(HANDLE file, DWORD count, std::wstring& 
         return true;
     }
 
-    // Zeroed and one unit longer than the bytes asked for, so an odd last byte
-    // gets a zero high byte and the text is always terminated.
-    bool read = false;
-    DWORD error = ERROR_SUCCESS;
-    {
-        std::vector<wchar_t> buffer((count + 1) / 2 + 1, L'\0');
-        DWORD bytesRead = 0;
-        read = ::ReadFile(file, buffer.data(), count, &bytesRead, nullptr) != FALSE;
-        if (read) {
-            // A zero code unit ends the text there.
-            destination = buffer.data();
-        } else {
-            error = ::GetLastError();
-        }
-    }
-    if (!read) {
+    // Read straight into the destination, which keeps its storage from one
+    // collection to the next: a half-megabyte scratch buffer and a second copy
+    // per read would cost more than the read. Zeroed and one unit longer than
+    // the bytes asked for, so an odd last byte gets a zero high byte and the
+    // text is always terminated.
+    destination.assign((count + 1) / 2 + 1, L'\0');
+    DWORD bytesRead = 0;
+    if (!::ReadFile(file, destination.data(), count, &bytesRead, nullptr)) {
+        const DWORD error = ::GetLastError();
+        destination.clear();
         // The caller reports the read's own error.
         ::SetLastError(error);
+        return false;
     }
-    return read;
+    // A zero code unit ends the text there (the zero after the read bytes at
+    // the latest).
+    const wchar_t* const text = destination.data();
+    destination.resize(static_cast<size_t>(FindCodeUnit(text, text + destination.size(), L'\0') - text));
+    return true;
 }
 
 bool CQuillonLogCollector::CollectLog()
@@ -318,7 +318,7 @@ bool CQuillonLogCollector::FindLoginResponse()
         responseSearched_ = true;
         return false;
     }
-    const size_t response = collectedText_.find(kLoginResponse);
+    const size_t response = FindText(collectedText_, kLoginResponse);
     responseSearched_ = true;
     if (response == std::wstring::npos) {
         Log(logger_.Get(), LogLevel::Error, kLoginResponseNotFound);
@@ -346,7 +346,9 @@ bool CQuillonLogCollector::ExtractMountEntry(const std::wstring& text, size_t st
                                              std::wstring& id, size_t& next)
 {
     // A mount line ends in "MOUNTED-READ;<path>;<id>\r\n".
-    const size_t token = text.find(kMountToken, start);
+    // Over a whole parse each search below covers the collected text once:
+    // they go eight units at a time rather than the runtime's one.
+    const size_t token = FindText(text, kMountToken, start);
     if (token == std::wstring::npos) {
         return false;
     }
@@ -354,12 +356,12 @@ bool CQuillonLogCollector::ExtractMountEntry(const std::wstring& text, size_t st
     if (pathStart >= text.size()) {
         return false;
     }
-    const size_t separator = text.find(L';', pathStart);
+    const size_t separator = FindText(text, L";", pathStart);
     if (separator == std::wstring::npos) {
         return false;
     }
     // A last line without its line end may still be being written: not taken.
-    const size_t lineEnd = text.find(L"\r\n", separator);
+    const size_t lineEnd = FindText(text, L"\r\n", separator);
     if (lineEnd == std::wstring::npos) {
         return false;
     }

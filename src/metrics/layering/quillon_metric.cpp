@@ -100,8 +100,9 @@ void CQuillonMetric::ParseEventLog(EVT_HANDLE event)
     const EVT_HANDLE publisher = ::EvtOpenPublisherMetadata(nullptr, kPublisherName, nullptr, 0, 0);
     FormatEventMessage(publisher, event, [this](const wchar_t* message) { currentEvent_.message = message; });
 
-    const QuillonEvent parsed = currentEvent_;
-    HandleQuillonEvent(parsed);
+    // Handled in place: nothing below changes it, and a copy would cost a
+    // string allocation per event on the delivery thread.
+    HandleQuillonEvent(currentEvent_);
 }
 
 void CQuillonMetric::HandleQuillonEvent(const QuillonEvent& event)
