@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# The demo that `make demo` runs: zeph-host replays demo/scenario.xml against the
+# simulated event log and prints both metrics' values.
+#
+# It uses a Wine prefix of its own (BUILD/demo-prefix, apart from the tests'),
+# prepared as a desktop would be: the host's Agent.tlb and zeph_eventlog.dll
+# registered, the layering agent's registry values written and its Logs folder
+# created. Usage: demo/run.sh BUILD_DIR
+set -euo pipefail
+
+if [ $# -ne 1 ]; then
+    echo "usage: demo/run.sh BUILD_DIR" >&2
+    exit 2
+fi
+build=$(cd "$1" && pwd)
+demo=$(cd "$(dirname "$0")" && pwd)
+bin="$build/bin"
+
+export WINEPREFIX="$build/demo-prefix"
+export WINEDEBUG=-all
+export WINEARCH=win64
+# The simulated event log (bin/wevtapi.dll) in place of Wine's stub.
+export WINEDLLOVERRIDES="wevtapi=n,b"
+
+# Every Wine start is bounded, so a stuck process fails the demo instead of hanging it.
+run() { timeout 120 wine "$@"; }
+windows_path() { local p="Z:$1"; echo "${p//\//\\}"; }
+
+for file in zeph-host.exe zeph_eventlog.dll wevtapi.dll Agent.tlb; do
+    if [ ! -f "$bin/$file" ]; then
+        echo "demo: $bin/$file is missing; build first (make build BUILD=$1)" >&2
+        exit 1
+    fi
+done
+
+if [ ! -f "$WINEPREFIX/system.reg" ]; then
+    echo "== creating the demo Wine prefix $WINEPREFIX"
+    mkdir -p "$WINEPREFIX"
+    wineboot -i >/dev/null 2>&1
+    wineserver -w
+fi
+# One wineserver for all the starts below; it goes by itself shortly after.
+wineserver -p10 </dev/null >/dev/null 2>&1
+
+echo "== registering the host's Agent.tlb and zeph_eventlog.dll"
+cd "$bin"
+run zeph-host.exe --register-tlb Agent.tlb
+run regsvr32 /s zeph_eventlog.dll
+
+echo "== installing the layering agent's settings (registry, Logs folder)"
+service='HKLM\SYSTEM\CurrentControlSet\services\drovesvc'
+run reg add "$service" /v ImagePath /t REG_EXPAND_SZ /d '"C:\Program Files\Quillon\drovesvc.exe"' /f >/dev/null
+run reg add "$service\\Parameters" /v Manager1 /t REG_SZ /d 'qmgr01.corp.example:8443' /f >/dev/null
+logs="$WINEPREFIX/drive_c/Program Files/Quillon/Logs"
+mkdir -p "$logs"
+rm -f "$logs/drovesvc.log" "$logs/drovesvc_bak.log"
+
+echo "== zeph-host --config demo/zeph-host.xml --scenario demo/scenario.xml --once"
+run zeph-host.exe --config "$(windows_path "$demo/zeph-host.xml")" \
+    --scenario "$(windows_path "$demo/scenario.xml")" --once

@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# Ctrl+C ends zeph-host cleanly: it is started querying every second, gets
+# SIGINT (which Wine hands to the console control handlers, as Windows does
+# for Ctrl+C), and must exit 0 after unsubscribing every metric.
+# Usage: ctrl_c.sh <build folder>
+set -uo pipefail
+
+build=$(cd "$1" && pwd)
+tmp=$(mktemp -d)
+pid=""
+cleanup() {
+    [ -n "$pid" ] && kill -KILL "$pid" 2>/dev/null
+    rm -rf "$tmp"
+}
+trap cleanup EXIT
+windows_path() { local p="Z:$1"; echo "${p//\//\\}"; }
+fail() {
+    echo "FAILED: $*"
+    echo "--- standard output"; cat "$tmp/out"
+    echo "--- standard error"; cat "$tmp/err"
+    exit 1
+}
+# Polls for up to $1 tenths of a second until the command succeeds.
+wait_for() {
+    local tenths=$1
+    shift
+    for ((i = 0; i < tenths; i++)); do
+        "$@" && return 0
+        sleep 0.1
+    done
+    return 1
+}
+
+cat >"$tmp/host.xml" <<'XML'
+<zeph-host>
+  <metric name="eventlog|eventlog_appcrash">
+    <channel>Application</channel>
+    <query>*[System[Provider[@Name='Application Error']]]</query>
+  </metric>
+</zeph-host>
+XML
+
+# wine-run execs wine, which becomes the Windows process: $! is zeph-host itself.
+"$build/wine-run" "$build/bin/zeph-host.exe" --config "$(windows_path "$tmp/host.xml")" \
+    --dll "$(windows_path "$build/bin/zeph_eventlog.dll")" --interval 1 --log info >"$tmp/out" 2>"$tmp/err" &
+pid=$!
+
+wait_for 1200 grep -q '^Query 1 at ' "$tmp/out" || fail "no first query within two minutes"
+kill -INT "$pid"
+wait_for 600 eval '! kill -0 "$pid" 2>/dev/null' || fail "still running a minute after Ctrl+C"
+wait "$pid"
+status=$?
+pid=""
+
+[ "$status" -eq 0 ] || fail "exit code $status after Ctrl+C, expected 0"
+stopping=$(grep -n '^zeph-host: stopping: unsubscribing every metric and releasing the provider$' "$tmp/err" | cut -d: -f1)
+unsubscribed=$(grep -n '\[info\] eventlog: Unsubscribed all metrics\.$' "$tmp/err" | cut -d: -f1)
+[ -n "$stopping" ] || fail "no stopping line"
+[ -n "$unsubscribed" ] || fail "the provider did not unsubscribe all metrics"
+[ "$stopping" -lt "$unsubscribed" ] || fail "unsubscribed before stopping was announced"
+! grep -q 'still holds' "$tmp/err" || fail "the provider kept references to the host's objects"
+echo "ok: Ctrl+C stopped zeph-host, exit code 0, every metric unsubscribed"

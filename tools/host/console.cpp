@@ -1,0 +1,90 @@
+#include "console.h"
+
+#include "unique_resource.h"
+
+#include <fcntl.h>
+#include <io.h>
+
+#include <cstdio>
+#include <mutex>
+
+namespace zeph::host {
+
+namespace {
+
+std::mutex& OutputLock()
+{
+    static std::mutex lock;
+    return lock;
+}
+
+std::string ToUtf8(std::wstring_view text)
+{
+    if (text.empty()) {
+        return {};
+    }
+    const int size = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0,
+                                           nullptr, nullptr);
+    std::string bytes(static_cast<size_t>(size), '\0');
+    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), bytes.data(), size, nullptr,
+                          nullptr);
+    return bytes;
+}
+
+void Write(FILE* stream, std::wstring_view text)
+{
+    const std::string bytes = ToUtf8(text);
+    std::lock_guard lock(OutputLock());
+    std::fwrite(bytes.data(), 1, bytes.size(), stream);
+    std::fflush(stream);
+}
+
+}  // namespace
+
+void WriteOut(std::wstring_view text)
+{
+    Write(stdout, text);
+}
+
+void WriteErr(std::wstring_view text)
+{
+    Write(stderr, text);
+}
+
+std::wstring SystemMessage(DWORD code)
+{
+    unique_local_text buffer;
+    const DWORD length = ::FormatMessageW(
+        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code,
+        0, reinterpret_cast<wchar_t*>(buffer.put()), 0, nullptr);
+    std::wstring text(buffer.get() != nullptr ? buffer.get() : L"", length);
+    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' ')) {
+        text.pop_back();
+    }
+    return text;
+}
+
+std::wstring DescribeError(DWORD code)
+{
+    wchar_t number[16] = {};
+    std::swprintf(number, 16, L"0x%08lx", static_cast<unsigned long>(code));
+    const std::wstring message = SystemMessage(code);
+    return message.empty() ? std::wstring(number) : std::wstring(number) + L" (" + message + L")";
+}
+
+Utf8Console::Utf8Console() : previous_(::GetConsoleOutputCP())
+{
+    ::SetConsoleOutputCP(CP_UTF8);
+    // Our own LF line ends, also when the output goes to a file or a pipe.
+    _setmode(_fileno(stdout), _O_BINARY);
+    _setmode(_fileno(stderr), _O_BINARY);
+}
+
+Utf8Console::~Utf8Console()
+{
+    if (previous_ != 0) {
+        ::SetConsoleOutputCP(previous_);
+    }
+}
+
+}  // namespace zeph::host

@@ -1,0 +1,61 @@
+// The host's side of the provider's interfaces: a logger that prints the levels
+// asked for, a value sink that collects what one query writes, and the host
+// context (no methods). Logger and sink may be called from any thread.
+#pragma once
+
+#include "host_com_object.h"
+
+#include <agent.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace zeph::host {
+
+// Prints each enabled line to standard error as "hh:mm:ss.mmm [level] category: text";
+// further lines of a multi-line text are indented.
+class ConsoleLogger final : public HostDispatchObject<IProviderLogger> {
+public:
+    explicit ConsoleLogger(ULONG levels) : levels_(levels) {}
+
+    STDMETHODIMP HostReserved1() override { return E_NOTIMPL; }
+    STDMETHODIMP GetCategoryLevels(LPCWSTR category, ULONG* levels) override;
+    STDMETHODIMP LogError(BSTR category, BSTR text) override { return Print(L"error", category, text); }
+    STDMETHODIMP LogWarning(BSTR category, BSTR text) override { return Print(L"warning", category, text); }
+    STDMETHODIMP LogInfo(BSTR category, BSTR text) override { return Print(L"info", category, text); }
+
+private:
+    HRESULT Print(const wchar_t* level, BSTR category, BSTR text);
+
+    const ULONG levels_;
+};
+
+// One value as the sink received it.
+struct MetricValue {
+    std::wstring key;
+    std::wstring instance;  // the name argument of WriteMetricValue
+    VARTYPE type = VT_EMPTY;
+    std::wstring text;      // VT_BSTR, or other types changed to text
+    ULONGLONG number = 0;   // VT_UI8
+};
+
+// Accepts every value and keeps it until Take.
+class ValueSink final : public HostDispatchObject<IMetricValueSink> {
+public:
+    STDMETHODIMP HostReserved1() override { return E_NOTIMPL; }
+    STDMETHODIMP HostReserved2() override { return E_NOTIMPL; }
+    STDMETHODIMP HostReserved3() override { return E_NOTIMPL; }
+    STDMETHODIMP WriteMetricValue(BSTR key, BSTR name, VARIANT* value) override;
+
+    // The values written since the last Take, in write order.
+    std::vector<MetricValue> Take();
+
+private:
+    std::mutex mutex_;
+    std::vector<MetricValue> values_;
+};
+
+class HostContext final : public HostObject<IProviderHostContext> {};
+
+}  // namespace zeph::host

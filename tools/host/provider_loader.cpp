@@ -1,0 +1,127 @@
+#include "provider_loader.h"
+
+#include "console.h"
+#include "exit_codes.h"
+
+namespace zeph::host {
+
+namespace {
+
+using DllGetClassObjectFunction = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
+using DllCanUnloadNowFunction = HRESULT(STDAPICALLTYPE*)();
+
+constexpr wchar_t kProviderClsidText[] = L"{DAF69464-F4E2-40C0-BCC3-A30E819975F0}";
+
+bool IsLoadFailure(HRESULT result)
+{
+    return result == HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND) || result == HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) ||
+           result == HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND) || result == HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT) ||
+           result == HRESULT_FROM_WIN32(ERROR_DLL_INIT_FAILED) || result == HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
+}
+
+std::wstring FullPath(const std::wstring& path)
+{
+    const DWORD size = ::GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
+    if (size == 0) {
+        return path;
+    }
+    std::wstring full(size, L'\0');
+    const DWORD length = ::GetFullPathNameW(path.c_str(), size, full.data(), nullptr);
+    full.resize(length < size ? length : 0);
+    return full.empty() ? path : full;
+}
+
+}  // namespace
+
+std::unique_ptr<ProviderInstance> ProviderInstance::CreateByProgId(const std::wstring& progId)
+{
+    CLSID clsid = {};
+    HRESULT result = ::CLSIDFromProgID(progId.c_str(), &clsid);
+    if (FAILED(result)) {
+        throw HostError(ExitCode::ClassNotRegistered,
+                        L"the class '" + progId +
+                            L"' is not registered: register the provider (regsvr32 zeph_eventlog.dll) or give --dll PATH");
+    }
+    std::unique_ptr<ProviderInstance> instance(new ProviderInstance());
+    result = ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&instance->provider_));
+    if (result == REGDB_E_CLASSNOTREG || result == CLASS_E_CLASSNOTAVAILABLE) {
+        throw HostError(ExitCode::ClassNotRegistered,
+                        L"the class '" + progId + L"' is not registered as an in-process server: " +
+                            DescribeError(static_cast<DWORD>(result)));
+    }
+    if (result == E_NOINTERFACE) {
+        throw HostError(ExitCode::ClassNotRegistered,
+                        L"the class '" + progId + L"' is no data provider (it lacks IDataProviderEx)");
+    }
+    if (IsLoadFailure(result)) {
+        throw HostError(ExitCode::DllNotLoaded, L"the DLL registered for '" + progId + L"' cannot be loaded: " +
+                                                    DescribeError(static_cast<DWORD>(result)));
+    }
+    if (FAILED(result)) {
+        throw HostError(ExitCode::RunFailed,
+                        L"cannot create '" + progId + L"': " + DescribeError(static_cast<DWORD>(result)));
+    }
+    return instance;
+}
+
+std::unique_ptr<ProviderInstance> ProviderInstance::CreateFromDll(const std::wstring& path)
+{
+    const std::wstring fullPath = FullPath(path);
+    std::unique_ptr<ProviderInstance> instance(new ProviderInstance());
+    // The DLL's own folder comes first when its imports (wevtapi.dll) are looked for.
+    instance->module_ = ::LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+    if (instance->module_ == nullptr) {
+        std::wstring reason = SystemMessage(::GetLastError());
+        // Some texts name the file as an insert.
+        if (const size_t insert = reason.find(L"%1"); insert != std::wstring::npos) {
+            reason.replace(insert, 2, L"the file");
+        }
+        throw HostError(ExitCode::DllNotLoaded, L"cannot load the provider DLL '" + path + L"': " + reason);
+    }
+    const auto getClassObject = reinterpret_cast<DllGetClassObjectFunction>(
+        reinterpret_cast<void*>(::GetProcAddress(instance->module_, "DllGetClassObject")));
+    if (getClassObject == nullptr) {
+        throw HostError(ExitCode::DllNotLoaded,
+                        L"'" + path + L"' is not a COM server: it does not export DllGetClassObject");
+    }
+    Microsoft::WRL::ComPtr<IClassFactory> factory;
+    HRESULT result = getClassObject(kProviderClsid, IID_PPV_ARGS(&factory));
+    if (result == CLASS_E_CLASSNOTAVAILABLE || result == E_NOINTERFACE) {
+        throw HostError(ExitCode::ClassNotRegistered,
+                        L"'" + path + L"' does not offer the provider class " + kProviderClsidText);
+    }
+    if (SUCCEEDED(result)) {
+        result = factory->CreateInstance(nullptr, IID_PPV_ARGS(&instance->provider_));
+    }
+    if (result == E_NOINTERFACE) {
+        throw HostError(ExitCode::ClassNotRegistered,
+                        L"the class in '" + path + L"' is no data provider (it lacks IDataProviderEx)");
+    }
+    if (FAILED(result)) {
+        throw HostError(ExitCode::RunFailed, L"cannot create the provider from '" + path +
+                                                 L"': " + DescribeError(static_cast<DWORD>(result)));
+    }
+    return instance;
+}
+
+ProviderInstance::~ProviderInstance()
+{
+    Release();
+}
+
+void ProviderInstance::Release()
+{
+    provider_.Reset();
+    if (module_ == nullptr) {
+        return;
+    }
+    const auto canUnloadNow = reinterpret_cast<DllCanUnloadNowFunction>(
+        reinterpret_cast<void*>(::GetProcAddress(module_, "DllCanUnloadNow")));
+    // A DLL that still has live objects stays loaded until the process ends.
+    if (canUnloadNow != nullptr && canUnloadNow() == S_OK) {
+        ::FreeLibrary(module_);
+    }
+    module_ = nullptr;
+}
+
+}  // namespace zeph::host

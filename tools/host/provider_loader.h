@@ -1,0 +1,41 @@
+// Creates the provider object: by ProgID through COM's registration, or
+// straight from a DLL file through its DllGetClassObject (nothing registered).
+//
+// Ownership: the instance holds the one reference the host keeps and, for a DLL
+// loaded by path, the module. Release (or destruction) drops the reference
+// first and then frees the module if the DLL says it can be unloaded.
+// Errors: construction throws HostError with ClassNotRegistered, DllNotLoaded or
+// RunFailed and a one-line message.
+#pragma once
+
+#include <agent.h>
+#include <wrl/client.h>
+
+#include <memory>
+#include <string>
+
+namespace zeph::host {
+
+// {DAF69464-F4E2-40C0-BCC3-A30E819975F0}
+inline constexpr CLSID kProviderClsid = {0xDAF69464, 0xF4E2, 0x40C0, {0xBC, 0xC3, 0xA3, 0x0E, 0x81, 0x99, 0x75, 0xF0}};
+
+class ProviderInstance {
+public:
+    static std::unique_ptr<ProviderInstance> CreateByProgId(const std::wstring& progId);
+    static std::unique_ptr<ProviderInstance> CreateFromDll(const std::wstring& path);
+
+    ~ProviderInstance();
+    ProviderInstance(const ProviderInstance&) = delete;
+    ProviderInstance& operator=(const ProviderInstance&) = delete;
+
+    IDataProviderEx* Get() const { return provider_.Get(); }
+    void Release();
+
+private:
+    ProviderInstance() = default;
+
+    Microsoft::WRL::ComPtr<IDataProviderEx> provider_;
+    HMODULE module_ = nullptr;
+};
+
+}  // namespace zeph::host

@@ -1,0 +1,67 @@
+// A scenario: timed steps replayed against the simulated event log.
+//
+//   <scenario>
+//     <event channel="Application" publisher="Application Error" id="1000"
+//            time="2024-05-14T08:02:11.418Z" formattable="true">message lines</event>
+//     <append file="C:\...\drovesvc.log" encoding="utf-16le">log lines</append>
+//     <pause ms="500"/>
+//     <query/>
+//   </scenario>
+//
+// Text blocks (event messages, appended lines) are written as indented lines:
+// the line break after the opening tag and the indentation before the closing
+// tag go, the indentation common to all lines goes, trailing blanks go. A
+// message joins its lines with CR LF; appended text ends every line with CR LF.
+#pragma once
+
+#include <windows.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace zeph::host {
+
+struct EventStep {
+    std::wstring channel;
+    std::wstring publisher;
+    USHORT id = 0;
+    std::optional<ULONGLONG> time;  // FILETIME; none: the moment of writing
+    std::wstring message;
+    bool formattable = true;
+};
+
+struct AppendStep {
+    std::wstring file;  // environment variables expanded when replayed
+    bool utf8 = false;  // default UTF-16LE without byte-order mark, as the layering service writes
+    std::wstring text;
+};
+
+struct PauseStep {
+    DWORD milliseconds = 0;
+};
+
+struct QueryStep {};
+
+using ScenarioStep = std::variant<EventStep, AppendStep, PauseStep, QueryStep>;
+
+struct Scenario {
+    std::vector<ScenarioStep> steps;
+
+    // The channels the events go to, each once, in order of first use.
+    std::vector<std::wstring> Channels() const;
+};
+
+// Throws HostError(ScenarioInvalid) with the step's number for anything malformed.
+Scenario LoadScenario(const std::wstring& path);
+
+// The lines of an indented text block (see above).
+std::vector<std::wstring> BlockLines(std::wstring_view text);
+
+// "2024-05-14T08:02:11.418Z" (1 to 7 fraction digits, or none; a space may
+// stand for the T) as a FILETIME; nothing for anything else.
+std::optional<ULONGLONG> ParseUtcTime(std::wstring_view text);
+
+}  // namespace zeph::host

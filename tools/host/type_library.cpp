@@ -1,0 +1,61 @@
+#include "type_library.h"
+
+#include "console.h"
+#include "exit_codes.h"
+
+#include <windows.h>
+#include <oleauto.h>
+#include <wrl/client.h>
+
+namespace zeph::host {
+
+namespace {
+
+std::wstring FullPath(const std::wstring& path)
+{
+    wchar_t full[MAX_PATH] = {};
+    const DWORD length = ::GetFullPathNameW(path.c_str(), MAX_PATH, full, nullptr);
+    return length > 0 && length < MAX_PATH ? std::wstring(full) : path;
+}
+
+Microsoft::WRL::ComPtr<ITypeLib> Load(const std::wstring& path)
+{
+    Microsoft::WRL::ComPtr<ITypeLib> library;
+    const HRESULT result = ::LoadTypeLibEx(path.c_str(), REGKIND_NONE, &library);
+    if (FAILED(result)) {
+        throw HostError(ExitCode::RunFailed,
+                        L"cannot load the type library '" + path + L"': " + DescribeError(static_cast<DWORD>(result)));
+    }
+    return library;
+}
+
+}  // namespace
+
+void RegisterTypeLibraryFile(const std::wstring& path)
+{
+    std::wstring full = FullPath(path);
+    const auto library = Load(full);
+    const HRESULT result = ::RegisterTypeLib(library.Get(), full.data(), nullptr);
+    if (FAILED(result)) {
+        throw HostError(ExitCode::RunFailed, L"cannot register the type library '" + path +
+                                                 L"': " + DescribeError(static_cast<DWORD>(result)));
+    }
+}
+
+void UnregisterTypeLibraryFile(const std::wstring& path)
+{
+    const auto library = Load(FullPath(path));
+    TLIBATTR* attributes = nullptr;
+    HRESULT result = library->GetLibAttr(&attributes);
+    if (SUCCEEDED(result)) {
+        result = ::UnRegisterTypeLib(attributes->guid, attributes->wMajorVerNum, attributes->wMinorVerNum,
+                                     attributes->lcid, attributes->syskind);
+        library->ReleaseTLibAttr(attributes);
+    }
+    if (FAILED(result)) {
+        throw HostError(ExitCode::RunFailed, L"cannot unregister the type library '" + path +
+                                                 L"': " + DescribeError(static_cast<DWORD>(result)));
+    }
+}
+
+}  // namespace zeph::host
