@@ -8,6 +8,7 @@
 #include "metric_value_writer.h"
 
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -30,8 +31,7 @@ constexpr wchar_t kFlagValue[] = L"true";
 
 CAppCrashMetric::CAppCrashMetric(const wchar_t* name, IProviderLogger* logger, IProviderHostContext* hostContext)
     : CMetric(name, logger, hostContext),
-      computerNameQuery_(&::GetComputerNameExW),
-      pendingCrashes_(PrivateHeapAllocator<CrashEntry>(crashHeap_))
+      computerNameQuery_(&::GetComputerNameExW)
 {
 }
 
@@ -65,14 +65,37 @@ void CAppCrashMetric::ParseEventLog(EVT_HANDLE event)
 
 void CAppCrashMetric::AddCrashEntry(const wchar_t* message)
 {
-    // Built at its final size: one allocation per crash.
+    // Built at its final size, in a spare text when there is one.
     const std::wstring_view text(message);
-    CrashEntry entry{CrashText(PrivateHeapAllocator<wchar_t>(crashHeap_)), 0};
+    CrashEntry entry{TakeSpareText(), 0};
     entry.text.reserve(ReplacedLineBreaksLength(text) + crashTimeText_.size() + hostNameText_.size());
     AppendReplacingLineBreaks(entry.text, text);
     entry.text += crashTimeText_;
     entry.text += hostNameText_;
     pendingCrashes_.push_back(std::move(entry));
+}
+
+CrashText CAppCrashMetric::TakeSpareText()
+{
+    if (spareTexts_.empty()) {
+        return CrashText(PrivateHeapAllocator<wchar_t>(crashHeap_));
+    }
+    CrashText text = std::move(spareTexts_.back());
+    spareTexts_.pop_back();
+    text.clear();
+    return text;
+}
+
+void CAppCrashMetric::KeepSpareText(CrashText&& text) noexcept
+{
+    if (spareTexts_.size() >= kMostSpareTexts) {
+        return;  // freed with its entry
+    }
+    try {
+        spareTexts_.push_back(std::move(text));
+    } catch (const std::bad_alloc&) {
+        // Not kept: the text is freed with its entry.
+    }
 }
 
 bool CAppCrashMetric::QueryHostName()
@@ -96,6 +119,8 @@ bool CAppCrashMetric::QueryHostName()
 HRESULT CAppCrashMetric::CollectMetric(IMetricValueSink* sink, LONG_PTR)
 {
     std::lock_guard lock(mutex_);
+    // Spare texts no crash needed since the last report go back to the heap.
+    spareTexts_.clear();
     const HRESULT flag = ReportCrashFlag(sink);
     if (FAILED(flag)) {
         return flag;
@@ -124,6 +149,7 @@ HRESULT CAppCrashMetric::ReportCrashDetails(IMetricValueSink* sink)
         ++position;
         const HRESULT result = WriteCrashDetail(sink, entry, position);
         if (SUCCEEDED(result)) {
+            KeepSpareText(std::move(entry.text));
             pendingCrashes_.pop_front();
             continue;
         }

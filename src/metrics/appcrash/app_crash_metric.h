@@ -4,8 +4,8 @@
 // hands each one to the host, dropping a crash once the host has refused it
 // three times.
 //
-// Ownership: the pending crashes live in a heap of the metric's own, made with
-// the metric and destroyed after them.
+// Ownership: the texts of pending crashes live in a heap of the metric's own,
+// made with the metric and destroyed after them.
 // Threads: ParseEventLog runs on event delivery threads, CollectMetric on the
 // host's thread; both hold the metric's mutex for their whole run, including
 // the calls into the host's logger and sink.
@@ -53,6 +53,8 @@ protected:
 
 private:
     void AddCrashEntry(const wchar_t* message);
+    CrashText TakeSpareText();
+    void KeepSpareText(CrashText&& text) noexcept;
     bool QueryHostName();
     HRESULT ReportCrashFlag(IMetricValueSink* sink);
     HRESULT ReportCrashDetails(IMetricValueSink* sink);
@@ -63,11 +65,21 @@ private:
     std::wstring crashTimeText_;        // of the event being parsed
     std::wstring hostNameText_;         // "<br />Host Name: NAME", once known
     // Pending crashes stay until the host's next query, which may be minutes
-    // away, while everything else in the process allocates around them: kept
-    // in the runtime's heap they scattered it (see private_heap.h). Declared
-    // first, so the heap outlives the queue.
+    // away, while everything else in the process allocates around them: their
+    // texts, kept in the runtime's heap, scattered it (see private_heap.h).
+    // The queues' own small blocks stay in the runtime's heap: freed next to
+    // the large free spans a drained queue leaves in this one, they cost the
+    // heap a decommit each. Declared first, so the heap outlives the texts.
     PrivateHeap crashHeap_;
-    std::deque<CrashEntry, PrivateHeapAllocator<CrashEntry>> pendingCrashes_;  // oldest first
+    std::deque<CrashEntry> pendingCrashes_;  // oldest first
+    // The texts of the crashes the last report handed over, kept for the
+    // crashes parsed until the next one: a burst of crashes then commits its
+    // memory once, not once per report (fresh pages were most of what a crash
+    // cost). What the next report finds unused goes back to the heap. At most
+    // kMostSpareTexts are kept, so that a report after a storm of crashes
+    // frees no more than that many.
+    static constexpr size_t kMostSpareTexts = 1024;
+    std::deque<CrashText> spareTexts_;
 };
 
 }  // namespace zeph

@@ -3,7 +3,9 @@
 #include "code_unit_search.h"
 #include "logging.h"
 
+#include <algorithm>
 #include <iterator>
+#include <string_view>
 #include <utility>
 
 namespace zeph {
@@ -20,6 +22,10 @@ constexpr wchar_t kBackupLogFileName[] = L"\\drovesvc_bak.log";
 
 constexpr wchar_t kLoginResponse[] = L"Manager status 200 response";
 constexpr wchar_t kMountToken[] = L"MOUNTED-READ;";
+// What a mount line is searched for, measured once at compile time.
+constexpr std::wstring_view kMountTokenText = kMountToken;
+constexpr std::wstring_view kPathEnd = L";";
+constexpr std::wstring_view kLineEnd = L"\r\n";
 
 // The service's image path is read into a 2048-byte buffer of which at most
 // 2046 bytes are filled, so the text always ends in a zero.
@@ -67,7 +73,8 @@ CQuillonLogCollector::CQuillonLogCollector(IProviderLogger* logger) : logger_(lo
 bool CQuillonLogCollector::PrepareCollectLog()
 {
     Log(logger_.Get(), LogLevel::Info, kPrepareCollectLog);
-    std::vector<TesseraEntry>().swap(tesseras_);
+    std::vector<std::wstring>().swap(tesseraBlocks_);
+    std::deque<TesseraSpan>().swap(tesseraSpans_);
     responseSearched_ = false;
 
     if (!FindLogDirectory()) {
@@ -337,9 +344,36 @@ bool CQuillonLogCollector::ParseMountedTesseras(const std::wstring& text, size_t
     while (ExtractMountEntry(text, position, path, id, position)) {
         Log(logger_.Get(), LogLevel::Info, kFoundTesseraPath, path.c_str());
         Log(logger_.Get(), LogLevel::Info, kFoundTesseraId, id.c_str());
-        tesseras_.push_back(TesseraEntry{id, path});
+        AddTessera(id, path);
     }
     return true;
+}
+
+void CQuillonLogCollector::AddTessera(const std::wstring& id, const std::wstring& path)
+{
+    const size_t length = id.size() + path.size();
+    if (tesseraBlocks_.empty() || tesseraBlocks_.back().capacity() - tesseraBlocks_.back().size() < length) {
+        std::wstring block;
+        block.reserve(std::max(length, kTesseraBlockChars));
+        tesseraBlocks_.push_back(std::move(block));
+    }
+    std::wstring& block = tesseraBlocks_.back();
+    const TesseraSpan span{tesseraBlocks_.size() - 1, block.size(), id.size(), path.size()};
+    block += id;
+    block += path;
+    tesseraSpans_.push_back(span);
+}
+
+std::vector<TesseraEntry> CQuillonLogCollector::GetTesseras() const
+{
+    std::vector<TesseraEntry> tesseras;
+    tesseras.reserve(tesseraSpans_.size());
+    for (const TesseraSpan& span : tesseraSpans_) {
+        const std::wstring& block = tesseraBlocks_[span.block];
+        tesseras.push_back(TesseraEntry{block.substr(span.idStart, span.idLength),
+                                        block.substr(span.idStart + span.idLength, span.pathLength)});
+    }
+    return tesseras;
 }
 
 bool CQuillonLogCollector::ExtractMountEntry(const std::wstring& text, size_t start, std::wstring& path,
@@ -348,7 +382,7 @@ bool CQuillonLogCollector::ExtractMountEntry(const std::wstring& text, size_t st
     // A mount line ends in "MOUNTED-READ;<path>;<id>\r\n".
     // Over a whole parse each search below covers the collected text once:
     // they go eight units at a time rather than the runtime's one.
-    const size_t token = FindText(text, kMountToken, start);
+    const size_t token = FindText(text, kMountTokenText, start);
     if (token == std::wstring::npos) {
         return false;
     }
@@ -356,12 +390,12 @@ bool CQuillonLogCollector::ExtractMountEntry(const std::wstring& text, size_t st
     if (pathStart >= text.size()) {
         return false;
     }
-    const size_t separator = FindText(text, L";", pathStart);
+    const size_t separator = FindText(text, kPathEnd, pathStart);
     if (separator == std::wstring::npos) {
         return false;
     }
     // A last line without its line end may still be being written: not taken.
-    const size_t lineEnd = FindText(text, L"\r\n", separator);
+    const size_t lineEnd = FindText(text, kLineEnd, separator);
     if (lineEnd == std::wstring::npos) {
         return false;
     }

@@ -23,6 +23,7 @@
 #include <wrl/client.h>
 
 #include <cstddef>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -60,7 +61,8 @@ public:
     // Nothing here fails but allocation; always true.
     bool ParseMountedTesseras(const std::wstring& text, size_t start);
 
-    std::vector<TesseraEntry> GetTesseras() const { return tesseras_; }
+    // The Tesseras found since PrepareCollectLog, in the order found.
+    std::vector<TesseraEntry> GetTesseras() const;
 
     const std::wstring& LogDirectory() const noexcept { return logDirectory_; }
     const std::wstring& CollectedText() const noexcept { return collectedText_; }
@@ -86,7 +88,21 @@ private:
     DWORD beginSize_ = 0;
     DWORD currentSize_ = 0;
     bool responseSearched_ = false;
-    std::vector<TesseraEntry> tesseras_;
+    // The Tesseras found, in order: each id with its path right after it, back
+    // to back in blocks of text, and where each lies. A log-on may mount
+    // thousands; two strings of their own each cost two allocations per
+    // Tessera on the log-on path, and one ever-growing text kept asking the
+    // system for fresh pages. GetTesseras makes the strings for whoever asks.
+    static constexpr size_t kTesseraBlockChars = 4096;
+    struct TesseraSpan {
+        size_t block;
+        size_t idStart;
+        size_t idLength;
+        size_t pathLength;
+    };
+    void AddTessera(const std::wstring& id, const std::wstring& path);
+    std::vector<std::wstring> tesseraBlocks_;
+    std::deque<TesseraSpan> tesseraSpans_;
     Microsoft::WRL::ComPtr<IProviderLogger> logger_;
 };
 
