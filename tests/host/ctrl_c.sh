@@ -1,33 +1,24 @@
 #!/usr/bin/env bash
-# Ctrl+C ends zeph-host cleanly: it is started querying every second, gets
-# SIGINT (which Wine hands to the console control handlers, as Windows does
-# for Ctrl+C), and must exit 0 after unsubscribing every metric.
+# Ctrl+C ends zeph-host cleanly: started querying every second, it gets SIGINT
+# (which Wine hands to the console control handlers, as Windows does for Ctrl+C)
+# and must exit 0 after unsubscribing every metric.
 # Usage: ctrl_c.sh <build folder>
 set -uo pipefail
 
 build=$(cd "$1" && pwd)
 tmp=$(mktemp -d)
 pid=""
-cleanup() {
-    [ -n "$pid" ] && kill -KILL "$pid" 2>/dev/null
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
+trap '[ -n "$pid" ] && kill -KILL "$pid" 2>/dev/null; rm -rf "$tmp"' EXIT
 windows_path() { local p="Z:$1"; echo "${p//\//\\}"; }
 fail() {
-    echo "FAILED: $*"
-    echo "--- standard output"; cat "$tmp/out"
-    echo "--- standard error"; cat "$tmp/err"
+    echo "FAILED: $*"; echo "--- standard output"; cat "$tmp/out"; echo "--- standard error"; cat "$tmp/err"
     exit 1
 }
-# Polls for up to $1 tenths of a second until the command succeeds.
+# Polls every tenth of a second, at most $1 times, until the command succeeds.
 wait_for() {
     local tenths=$1
     shift
-    for ((i = 0; i < tenths; i++)); do
-        "$@" && return 0
-        sleep 0.1
-    done
+    for ((i = 0; i < tenths; i++)); do "$@" && return 0; sleep 0.1; done
     return 1
 }
 
@@ -44,8 +35,7 @@ XML
 "$build/wine-run" "$build/bin/zeph-host.exe" --config "$(windows_path "$tmp/host.xml")" \
     --dll "$(windows_path "$build/bin/zeph_eventlog.dll")" --interval 1 --log info >"$tmp/out" 2>"$tmp/err" &
 pid=$!
-
-wait_for 1200 grep -q '^Query 1 at ' "$tmp/out" || fail "no first query within two minutes"
+wait_for 1200 grep -qs '^Query 1 at ' "$tmp/out" || fail "no first query within two minutes"
 kill -INT "$pid"
 wait_for 600 eval '! kill -0 "$pid" 2>/dev/null' || fail "still running a minute after Ctrl+C"
 wait "$pid"

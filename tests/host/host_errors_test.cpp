@@ -4,171 +4,157 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 namespace zeph::test {
 namespace {
 
-constexpr DWORD kUsage = 2;
-constexpr DWORD kConfigMissing = 3;
-constexpr DWORD kConfigMalformed = 4;
-constexpr DWORD kDllNotLoaded = 5;
-constexpr DWORD kClassNotRegistered = 6;
-constexpr DWORD kSubscribeFailed = 7;
-constexpr DWORD kScenarioInvalid = 8;
-constexpr DWORD kScenarioFailed = 9;
+enum : DWORD {
+    kUsage = 2,
+    kConfigMissing = 3,
+    kConfigMalformed = 4,
+    kDllNotLoaded = 5,
+    kClassNotRegistered = 6,
+    kSubscribeFailed = 7,
+    kScenarioInvalid = 8,
+    kScenarioFailed = 9,
+};
 
-constexpr char kGoodConfig[] = R"(<zeph-host>
+struct Refusal {
+    std::vector<std::wstring> arguments;
+    DWORD exitCode;
+    // The line after "zeph-host: "; a '*' stands for a system text of at least one character.
+    std::wstring message;
+};
+
+class HostErrors : public ::testing::Test {
+protected:
+    static void Expect(const std::vector<Refusal>& refusals)
+    {
+        for (const Refusal& r : refusals) {
+            SCOPED_TRACE(testing::PrintToString(r.message));
+            const HostRun run = RunZephHost(r.arguments);
+            EXPECT_EQ(run.exitCode, r.exitCode);
+            EXPECT_EQ(run.out, L"");
+            const auto lines = run.ErrLines();
+            ASSERT_EQ(lines.size(), 1u) << testing::PrintToString(run.err);
+            const std::wstring& line = lines[0];
+            const size_t star = r.message.find(L'*');
+            const std::wstring head = L"zeph-host: " + r.message.substr(0, star);
+            const std::wstring tail = star == std::wstring::npos ? L"" : r.message.substr(star + 1);
+            if (star == std::wstring::npos) {
+                EXPECT_EQ(line, head);
+            } else {
+                EXPECT_TRUE(line.starts_with(head) && line.ends_with(tail) && line.size() > head.size() + tail.size())
+                    << testing::PrintToString(line);
+            }
+        }
+    }
+    // The usual arguments with the DLL beside the test, and more.
+    std::vector<std::wstring> With(std::vector<std::wstring> more) const
+    {
+        more.insert(more.begin(), {L"--config", config_, L"--once", L"--dll", dll_});
+        return more;
+    }
+
+    TempFolder folder_;
+    std::wstring config_ = folder_.WriteFile(L"host.xml", R"(<zeph-host>
   <metric name="eventlog|eventlog_appcrash">
     <channel>Application</channel>
     <query>*[System[Provider[@Name='Application Error']]]</query>
   </metric>
 </zeph-host>
-)";
-
-struct ErrorCase {
-    std::vector<std::wstring> arguments;
-    DWORD exitCode;
-    std::wstring message;  // after "zeph-host: "
-    bool wholeLine = true; // false: the line starts with message (a system text follows)
+)");
+    std::wstring dll_ = BinFolder() + L"zeph_eventlog.dll";
 };
 
-void ExpectRefusal(const ErrorCase& c, const HostRun& run)
+TEST_F(HostErrors, UsageErrorsExitWithTwo)
 {
-    const std::wstring expected = L"zeph-host: " + c.message;
-    SCOPED_TRACE(::testing::PrintToString(expected));
-    EXPECT_EQ(run.exitCode, c.exitCode);
-    EXPECT_EQ(run.out, L"");
-    const auto lines = run.ErrLines();
-    ASSERT_EQ(lines.size(), 1u) << ::testing::PrintToString(run.err);
-    if (c.wholeLine) {
-        EXPECT_EQ(lines[0], expected);
-    } else {
-        EXPECT_TRUE(lines[0].starts_with(expected)) << ::testing::PrintToString(lines[0]);
-        EXPECT_GT(lines[0].size(), expected.size()) << "the reason is missing";
-    }
-}
-
-void ExpectRefusals(const std::vector<ErrorCase>& cases)
-{
-    for (const ErrorCase& c : cases) {
-        ExpectRefusal(c, RunZephHost(c.arguments));
-    }
-}
-
-TEST(HostErrors, UsageErrorsExitWithTwo)
-{
-    const TempFolder folder;
-    const std::wstring config = folder.WriteFile(L"host.xml", kGoodConfig);
     const std::wstring help = L" (see zeph-host --help)";
-    ExpectRefusals({
+    const std::wstring interval = L"--interval takes a number of seconds from 1 to 86400, not '";
+    Expect({
         {{L"--frobnicate"}, kUsage, L"unknown option '--frobnicate'" + help},
         {{L"--config"}, kUsage, L"option --config needs a value" + help},
-        {{L"--config", config, L"--interval", L"0"}, kUsage,
-         L"--interval takes a number of seconds from 1 to 86400, not '0'" + help},
-        {{L"--config", config, L"--interval=99999999999"}, kUsage,
-         L"--interval takes a number of seconds from 1 to 86400, not '99999999999'" + help},
-        {{L"--config", config, L"--log", L"error,debug"}, kUsage,
+        {{L"--config", config_, L"--interval", L"0"}, kUsage, interval + L"0'" + help},
+        {{L"--config", config_, L"--interval=99999999999"}, kUsage, interval + L"99999999999'" + help},
+        {{L"--config", config_, L"--log", L"error,debug"}, kUsage,
          L"--log takes error, warning, info (comma-separated), all or none, not 'error,debug'" + help},
-        {{L"--config", config, L"--once=yes"}, kUsage, L"option --once takes no value" + help},
-        {{L"--config", config, L"--dll", L"a.dll", L"--progid", L"A.B"}, kUsage,
+        {{L"--config", config_, L"--once=yes"}, kUsage, L"option --once takes no value" + help},
+        {{L"--config", config_, L"--dll", L"a.dll", L"--progid", L"A.B"}, kUsage,
          L"--dll and --progid exclude each other" + help},
         {{L"--once"}, kUsage, L"no configuration file: give --config FILE" + help},
-        {{L"--config", config, L"stray"}, kUsage, L"unexpected argument 'stray'" + help},
+        {{L"--config", config_, L"stray"}, kUsage, L"unexpected argument 'stray'" + help},
     });
 }
 
-TEST(HostErrors, HelpDocumentsOptionsAndExitCodes)
+TEST_F(HostErrors, HelpDocumentsOptionsAndExitCodes)
 {
     const HostRun run = RunZephHost({L"--help"});
     EXPECT_EQ(run.exitCode, 0u);
     EXPECT_EQ(run.err, L"");
     for (const wchar_t* option : {L"--config", L"--dll", L"--progid", L"--once", L"--interval", L"--json", L"--log",
                                   L"--scenario", L"--register-tlb", L"--unregister-tlb", L"--help"}) {
-        EXPECT_NE(run.out.find(option), std::wstring::npos) << "--help does not mention " << ::testing::PrintToString(option);
+        EXPECT_NE(run.out.find(option), std::wstring::npos) << testing::PrintToString(option);
     }
     for (int code = 0; code <= 9; ++code) {
-        EXPECT_NE(run.out.find(L"\n  " + std::to_wstring(code) + L"  "), std::wstring::npos)
-            << "--help does not document exit code " << code;
+        EXPECT_NE(run.out.find(L"\n  " + std::to_wstring(code) + L"  "), std::wstring::npos) << "exit code " << code;
     }
 }
 
-TEST(HostErrors, ConfigurationMissingOrMalformed)
+TEST_F(HostErrors, ConfigurationMissingOrMalformed)
 {
-    const TempFolder folder;
-    const std::wstring absent = folder.Path() + L"\\absent.xml";
-    const std::wstring unclosed = folder.WriteFile(L"unclosed.xml", "<zeph-host><metric name=\"a\">\n");
-    const std::wstring noMetric = folder.WriteFile(L"none.xml", "<zeph-host>\n  <!-- nothing -->\n</zeph-host>\n");
+    const std::wstring absent = folder_.Path() + L"\\absent.xml";
+    const std::wstring unclosed = folder_.WriteFile(L"unclosed.xml", "<zeph-host><metric name=\"a\">\n");
+    const std::wstring none = folder_.WriteFile(L"none.xml", "<zeph-host>\n  <!-- nothing -->\n</zeph-host>\n");
     const std::wstring foreign =
-        folder.WriteFile(L"foreign.xml", "<zeph-host><metric name=\"m\"/><metrics name=\"n\"/></zeph-host>");
-    const std::wstring unnamed = folder.WriteFile(
+        folder_.WriteFile(L"foreign.xml", "<zeph-host><metric name=\"m\"/><metrics name=\"n\"/></zeph-host>");
+    const std::wstring unnamed = folder_.WriteFile(
         L"unnamed.xml", "<zeph-host><metric name=\"m\"/><metric><channel>Application</channel></metric></zeph-host>");
-    auto quoted = [](const std::wstring& path) { return L"the configuration file '" + path + L"'"; };
-    ExpectRefusals({
-        {{L"--config", absent, L"--once"}, kConfigMissing, L"cannot read " + quoted(absent) + L": ", false},
-        {{L"--config", unclosed, L"--once"}, kConfigMalformed, quoted(unclosed) + L" is not well-formed XML", false},
-        {{L"--config", noMetric, L"--once"}, kConfigMalformed, quoted(noMetric) + L" has no <metric> element"},
+    auto file = [](const std::wstring& path) { return L"the configuration file '" + path + L"'"; };
+    Expect({
+        {{L"--config", absent, L"--once"}, kConfigMissing, L"cannot read " + file(absent) + L": *"},
+        {{L"--config", unclosed, L"--once"}, kConfigMalformed, file(unclosed) + L" is not well-formed XML*"},
+        {{L"--config", none, L"--once"}, kConfigMalformed, file(none) + L" has no <metric> element"},
         {{L"--config", foreign, L"--once"}, kConfigMalformed,
-         quoted(foreign) + L" has an element <metrics> where only <metric> may stand"},
-        {{L"--config", unnamed, L"--once"}, kConfigMalformed, quoted(unnamed) + L": metric 2 has no name attribute"},
+         file(foreign) + L" has an element <metrics> where only <metric> may stand"},
+        {{L"--config", unnamed, L"--once"}, kConfigMalformed, file(unnamed) + L": metric 2 has no name attribute"},
     });
 }
 
-TEST(HostErrors, ProviderThatCannotBeCreated)
+TEST_F(HostErrors, ProviderThatCannotBeCreatedOrSubscribe)
 {
-    const TempFolder folder;
-    const std::wstring config = folder.WriteFile(L"host.xml", kGoodConfig);
-    const std::wstring absentDll = folder.Path() + L"\\absent.dll";
+    const std::wstring absentDll = folder_.Path() + L"\\absent.dll";
     const std::wstring eventLogDll = BinFolder() + L"wevtapi.dll";
     wchar_t system[MAX_PATH] = {};
     ::GetSystemDirectoryW(system, MAX_PATH);
     const std::wstring otherServer = std::wstring(system) + L"\\msxml3.dll";
-    ExpectRefusals({
-        {{L"--config", config, L"--once", L"--dll", absentDll}, kDllNotLoaded,
-         L"cannot load the provider DLL '" + absentDll + L"': ", false},
-        {{L"--config", config, L"--once", L"--dll", config}, kDllNotLoaded,
-         L"cannot load the provider DLL '" + config + L"': ", false},
-        {{L"--config", config, L"--once", L"--dll", eventLogDll}, kDllNotLoaded,
-         L"'" + eventLogDll + L"' is not a COM server: it does not export DllGetClassObject"},
-        {{L"--config", config, L"--once", L"--dll", otherServer}, kClassNotRegistered,
-         L"'" + otherServer + L"' does not offer the provider class {DAF69464-F4E2-40C0-BCC3-A30E819975F0}"},
-        {{L"--config", config, L"--once", L"--progid", L"ZephTest.NoSuchProvider"}, kClassNotRegistered,
-         L"the class 'ZephTest.NoSuchProvider' is not registered: register the provider (regsvr32 zeph_eventlog.dll) "
-         L"or give --dll PATH"},
-    });
-}
-
-TEST(HostErrors, SubscriptionRefusedByTheProvider)
-{
-    const TempFolder folder;
-    const std::wstring noChannel = folder.WriteFile(
+    const std::wstring noChannel = folder_.WriteFile(
         L"no-channel.xml", "<zeph-host><metric name=\"eventlog|eventlog_appcrash\"><query>*</query></metric></zeph-host>");
-    const std::wstring noQuery = folder.WriteFile(
+    const std::wstring noQuery = folder_.WriteFile(
         L"no-query.xml",
         "<zeph-host><metric name=\"eventlog|eventlog_appcrash\"><channel>Application</channel><query>*</query></metric>"
         "<metric name=\"eventlog|eventlog_quillon\"><channel>Application</channel></metric></zeph-host>");
-    const std::wstring dll = BinFolder() + L"zeph_eventlog.dll";
-    // The provider's own log lines stay off, so the host's line is the only one.
-    ExpectRefusals({
-        {{L"--config", noChannel, L"--once", L"--log", L"none", L"--dll", dll}, kSubscribeFailed,
-         L"cannot subscribe the metric 'eventlog|eventlog_appcrash': 0x80070490", false},
-        {{L"--config", noQuery, L"--once", L"--log", L"none", L"--dll", dll}, kSubscribeFailed,
-         L"cannot subscribe the metric 'eventlog|eventlog_quillon': 0x80070490", false},
+    const std::wstring cannotSubscribe = L"cannot subscribe the metric 'eventlog|eventlog_";
+    Expect({
+        {{L"--config", config_, L"--once", L"--dll", absentDll}, kDllNotLoaded,
+         L"cannot load the provider DLL '" + absentDll + L"': *"},
+        {{L"--config", config_, L"--once", L"--dll", config_}, kDllNotLoaded, L"cannot load the provider DLL '" + config_ + L"': *"},
+        {{L"--config", config_, L"--once", L"--dll", eventLogDll}, kDllNotLoaded,
+         L"'" + eventLogDll + L"' is not a COM server: it does not export DllGetClassObject"},
+        {{L"--config", config_, L"--once", L"--dll", otherServer}, kClassNotRegistered,
+         L"'" + otherServer + L"' does not offer the provider class {DAF69464-F4E2-40C0-BCC3-A30E819975F0}"},
+        {{L"--config", config_, L"--once", L"--progid", L"ZephTest.NoSuchProvider"}, kClassNotRegistered,
+         L"the class 'ZephTest.NoSuchProvider' is not registered: register the provider (regsvr32 zeph_eventlog.dll) "
+         L"or give --dll PATH"},
+        // The provider's own log lines stay off, so the host's line is the only one.
+        {{L"--config", noChannel, L"--once", L"--log", L"none", L"--dll", dll_}, kSubscribeFailed,
+         cannotSubscribe + L"appcrash': 0x80070490*"},
+        {{L"--config", noQuery, L"--once", L"--log", L"none", L"--dll", dll_}, kSubscribeFailed,
+         cannotSubscribe + L"quillon': 0x80070490*"},
     });
 }
 
-TEST(HostErrors, ScenarioMissingOrMalformed)
+TEST_F(HostErrors, ScenarioMissingMalformedOrWithoutTheSimulator)
 {
-    const TempFolder folder;
-    const std::wstring config = folder.WriteFile(L"host.xml", kGoodConfig);
-    const std::wstring dll = BinFolder() + L"zeph_eventlog.dll";
-    const std::wstring absent = folder.Path() + L"\\absent.xml";
-    struct Bad {
-        const char* xml;
-        std::wstring problem;
-    };
-    const std::vector<Bad> bad = {
+    const std::pair<const char*, std::wstring> bad[] = {
         {"<steps><query/></steps>", L" must have the root element <scenario>, not <steps>"},
         {"<scenario><query/><wait ms='5'/></scenario>",
          L", step 2 <wait>: unknown step (expected event, append, pause or query)"},
@@ -184,58 +170,36 @@ TEST(HostErrors, ScenarioMissingOrMalformed)
         {"<scenario><append>line</append></scenario>", L", step 1 <append>: attribute file is missing"},
         {"<scenario><append file='x.log'><line/></append></scenario>", L", step 1 <append>: holds text only, no elements"},
     };
-    std::vector<ErrorCase> cases = {
-        {{L"--config", config, L"--once", L"--dll", dll, L"--scenario", absent}, kScenarioInvalid,
-         L"cannot read the scenario '" + absent + L"': ", false},
-    };
-    for (size_t i = 0; i < bad.size(); ++i) {
-        const std::wstring file = folder.WriteFile(L"bad" + std::to_wstring(i) + L".xml", bad[i].xml);
-        cases.push_back({{L"--config", config, L"--once", L"--dll", dll, L"--scenario", file}, kScenarioInvalid,
-                         L"the scenario '" + file + L"'" + bad[i].problem});
+    const std::wstring absent = folder_.Path() + L"\\absent.xml";
+    std::vector<Refusal> refusals = {
+        {With({L"--scenario", absent}), kScenarioInvalid, L"cannot read the scenario '" + absent + L"': *"}};
+    for (size_t i = 0; i < std::size(bad); ++i) {
+        const std::wstring file = folder_.WriteFile(L"bad" + std::to_wstring(i) + L".xml", bad[i].first);
+        refusals.push_back({With({L"--scenario", file}), kScenarioInvalid, L"the scenario '" + file + L"'" + bad[i].second});
     }
-    ExpectRefusals(cases);
-}
-
-TEST(HostErrors, ScenarioNeedsTheSimulatedEventLog)
-{
-    const TempFolder folder;
-    const std::wstring config = folder.WriteFile(L"host.xml", kGoodConfig);
-    const std::wstring scenario = folder.WriteFile(L"scenario.xml", "<scenario><query/></scenario>");
     // Away from the simulator's wevtapi.dll the provider gets the system's (Wine's own).
-    const std::wstring dll = folder.Path() + L"\\zeph_eventlog.dll";
-    ASSERT_TRUE(::CopyFileW((BinFolder() + L"zeph_eventlog.dll").c_str(), dll.c_str(), TRUE));
-
-    const HostRun run = RunZephHost({L"--config", config, L"--once", L"--dll", dll, L"--scenario", scenario});
-    ExpectRefusal({{}, kScenarioFailed,
-                   L"scenario replay needs the simulated event log, but the wevtapi.dll in use (", false},
-                  run);
-    const auto lines = run.ErrLines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(lines[0].ends_with(L") is the system's event log")) << ::testing::PrintToString(lines[0]);
+    const std::wstring copy = folder_.Path() + L"\\zeph_eventlog.dll";
+    ASSERT_TRUE(::CopyFileW(dll_.c_str(), copy.c_str(), TRUE));
+    refusals.push_back({{L"--config", config_, L"--once", L"--dll", copy, L"--scenario", folder_.WriteFile(L"s.xml", "<scenario><query/></scenario>")},
+                        kScenarioFailed,
+                        L"scenario replay needs the simulated event log, but the wevtapi.dll in use (*) is the system's event log"});
+    Expect(refusals);
 }
 
-TEST(HostErrors, FailedStepEndsTheRunAndUnsubscribes)
+TEST_F(HostErrors, FailedStepEndsTheRunAndUnsubscribes)
 {
-    const TempFolder folder;
-    const std::wstring config = folder.WriteFile(L"host.xml", kGoodConfig);
-    const std::wstring target = folder.Path() + L"\\no such folder\\service.log";
-    std::string xml = "<scenario><query/><append file='";
-    for (wchar_t c : target) {
-        xml += static_cast<char>(c);  // the temporary folder's path is ASCII
-    }
-    xml += "'>line</append><query/></scenario>";
-    const std::wstring scenario = folder.WriteFile(L"scenario.xml", xml);
-
-    const HostRun run = RunZephHost({L"--config", config, L"--once", L"--log", L"info", L"--dll",
-                                     BinFolder() + L"zeph_eventlog.dll", L"--scenario", scenario});
+    const std::wstring target = folder_.Path() + L"\\no such folder\\service.log";
+    const std::string xml = "<scenario><query/><append file='" + std::string(target.begin(), target.end()) +
+                            "'>line</append><query/></scenario>";  // the temporary folder's path is ASCII
+    const HostRun run = RunZephHost(With({L"--log", L"info", L"--scenario", folder_.WriteFile(L"s.xml", xml)}));
     EXPECT_EQ(run.exitCode, kScenarioFailed);
-    EXPECT_EQ(run.OutLines().size(), 3u) << "the first query ran: " << ::testing::PrintToString(run.out);
-    const std::wstring failure = L"zeph-host: scenario step 2: cannot append to '" + target + L"': ";
+    EXPECT_EQ(run.OutLines().size(), 3u) << "the first query ran: " << testing::PrintToString(run.out);
     const auto lines = run.ErrLines();
     ASSERT_FALSE(lines.empty());
-    EXPECT_TRUE(lines.back().starts_with(failure)) << ::testing::PrintToString(lines.back());
+    EXPECT_TRUE(lines.back().starts_with(L"zeph-host: scenario step 2: cannot append to '" + target + L"': "))
+        << testing::PrintToString(lines.back());
     EXPECT_NE(run.err.find(L"] eventlog: Unsubscribed all metrics.\n"), std::wstring::npos)
-        << ::testing::PrintToString(run.err);
+        << testing::PrintToString(run.err);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Runs zeph-host.exe (from bin/, beside the test) as a child process with its
-// standard output and error captured, every wait bounded.
+// zeph-host.exe (from bin/, beside the test) run as a child process with its
+// output captured, every wait bounded; and a scratch folder for its files.
 #pragma once
 
 #include <windows.h>
@@ -9,26 +9,21 @@
 
 namespace zeph::test {
 
-// Upper bound of one host run; reaching it fails the test and ends the child.
-constexpr DWORD kHostRunTimeoutMs = 120000;
-
 struct HostRun {
     DWORD exitCode = 0;
     std::wstring out;  // standard output, LF line ends
     std::wstring err;  // standard error
-    bool timedOut = false;
-
     std::vector<std::wstring> OutLines() const;
     std::vector<std::wstring> ErrLines() const;
 };
 
-// The folder of the test executable, with a final backslash.
-std::wstring BinFolder();
+std::wstring BinFolder();  // with a final backslash
 
-// Runs zeph-host.exe with the arguments (each quoted as needed) and waits for it.
+// Runs zeph-host.exe with the arguments; a run that takes more than two
+// minutes fails the test and is ended.
 HostRun RunZephHost(const std::vector<std::wstring>& arguments);
 
-// A fresh folder under %TEMP%, removed with its files when the object goes.
+// A fresh folder under %TEMP% (its name holds a blank), removed with its contents.
 class TempFolder {
 public:
     TempFolder();
@@ -37,7 +32,7 @@ public:
     TempFolder& operator=(const TempFolder&) = delete;
 
     const std::wstring& Path() const { return path_; }  // no final backslash
-    // Writes a file (UTF-8) in the folder and returns its full path.
+    // Writes a file in the folder and returns its full path.
     std::wstring WriteFile(const std::wstring& name, const std::string& utf8Text) const;
 
 private:

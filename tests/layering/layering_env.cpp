@@ -4,11 +4,11 @@
 
 #include <objbase.h>
 
+#include <filesystem>
+
 namespace zeph::test {
 
-namespace {
-
-std::wstring NewGuidText()
+static std::wstring NewGuidText()
 {
     GUID guid{};
     ::CoCreateGuid(&guid);
@@ -16,8 +16,6 @@ std::wstring NewGuidText()
     ::StringFromGUID2(guid, text, 40);
     return text;
 }
-
-}  // namespace
 
 RedirectedMachineKey::RedirectedMachineKey() : scratchPath_(L"Software\\ZephTest\\" + NewGuidText())
 {
@@ -38,11 +36,7 @@ RedirectedMachineKey::~RedirectedMachineKey()
 void RedirectedMachineKey::SetValue(const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data,
                                     DWORD bytes)
 {
-    HKEY key = nullptr;
-    ASSERT_EQ(::RegCreateKeyExW(scratch_, subkey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
-              ERROR_SUCCESS);
-    EXPECT_EQ(::RegSetValueExW(key, name, 0, type, static_cast<const BYTE*>(data), bytes), ERROR_SUCCESS);
-    ::RegCloseKey(key);
+    EXPECT_EQ(::RegSetKeyValueW(scratch_, subkey, name, type, data, bytes), ERROR_SUCCESS);
 }
 
 void RedirectedMachineKey::SetString(const wchar_t* subkey, const wchar_t* name, const std::wstring& text, DWORD type)
@@ -64,11 +58,8 @@ ServiceInstall::ServiceInstall(bool withImagePath)
 
 ServiceInstall::~ServiceInstall()
 {
-    for (const wchar_t* name : {L"drovesvc.log", L"drovesvc_bak.log"}) {
-        ::DeleteFileW((LogsFolder() + name).c_str());
-    }
-    ::RemoveDirectoryW((folder_ + L"\\Logs").c_str());
-    ::RemoveDirectoryW(folder_.c_str());
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
 }
 
 void ServiceInstall::WriteBytes(const wchar_t* name, const void* data, DWORD bytes, bool append)

@@ -1,7 +1,6 @@
-// A hermetic installation of the layering service for tests: its executable
-// path in a redirected HKEY_LOCAL_MACHINE, its Logs folder in a fresh
-// temporary folder, and its log files written as the service writes them
-// (UTF-16LE, CRLF, no byte-order mark).
+// A hermetic installation of the layering service: its executable path in a
+// redirected HKEY_LOCAL_MACHINE, its Logs folder in a fresh temporary folder,
+// its log files written as the service writes them (UTF-16LE, no byte-order mark).
 #pragma once
 
 #include <windows.h>
@@ -10,8 +9,7 @@
 
 namespace zeph::test {
 
-// HKEY_LOCAL_MACHINE redirected, process-wide, to a scratch key under
-// HKEY_CURRENT_USER for the object's life; the scratch key is deleted after.
+// HKEY_LOCAL_MACHINE redirected, process-wide, to a scratch key for the object's life.
 class RedirectedMachineKey {
 public:
     RedirectedMachineKey();
@@ -19,9 +17,7 @@ public:
     RedirectedMachineKey(const RedirectedMachineKey&) = delete;
     RedirectedMachineKey& operator=(const RedirectedMachineKey&) = delete;
 
-    // Writes a value below the redirected HKEY_LOCAL_MACHINE (raw bytes as given).
     void SetValue(const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD bytes);
-    // A string value with its terminating zero.
     void SetString(const wchar_t* subkey, const wchar_t* name, const std::wstring& text, DWORD type = REG_SZ);
 
 private:
@@ -34,7 +30,7 @@ public:
     static constexpr wchar_t kServiceKey[] = L"SYSTEM\\CurrentControlSet\\services\\drovesvc";
     static constexpr wchar_t kParametersKey[] = L"SYSTEM\\CurrentControlSet\\services\\drovesvc\\Parameters";
 
-    // withImagePath: registers the service's (quoted) executable path.
+    // withImagePath: registers the service's quoted executable path.
     explicit ServiceInstall(bool withImagePath = true);
     ~ServiceInstall();
     ServiceInstall(const ServiceInstall&) = delete;
@@ -50,8 +46,7 @@ public:
     void AppendLog(const std::wstring& text) { WriteText(L"drovesvc.log", text, true); }
     void AppendLogBytes(const void* data, DWORD bytes) { WriteBytes(L"drovesvc.log", data, bytes, true); }
     void WriteBackup(const std::wstring& text) { WriteText(L"drovesvc_bak.log", text, false); }
-    // What the service does when its log is full: the log becomes the backup.
-    void RotateLog();
+    void RotateLog();  // as the service does when its log is full
     void RemoveLog();
 
 private:

@@ -1,11 +1,9 @@
+// The service-log collector on real files in a scratch service installation.
 #include "layering_env.h"
 #include "quillon_log_collector.h"
 #include "recording_logger.h"
 
 #include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 namespace zeph {
 namespace {
@@ -14,24 +12,26 @@ using Microsoft::WRL::ComPtr;
 using test::RecordingLogger;
 using test::ServiceInstall;
 using Texts = std::vector<std::wstring>;
-
-ComPtr<RecordingLogger> NewLogger()
-{
-    return test::Adopt(new RecordingLogger(0x7));
-}
+using Tesseras = std::vector<TesseraEntry>;
 
 class CollectorTest : public ::testing::Test {
 protected:
-    // Lines since the last call.
-    Texts TakeLines()
+    Texts TakeLines()  // lines since the last call
     {
         Texts lines = logger_->Texts();
         logger_->Clear();
         return lines;
     }
+    bool LoggedError(const std::wstring& text) const { return logger_->Has(LogLevel::Error, text); }
+    // Collects and returns the text, expecting the collect to give ok.
+    std::wstring Collected(bool ok = true)
+    {
+        EXPECT_EQ(collector_.CollectLog(), ok);
+        return collector_.CollectedText();
+    }
 
     ServiceInstall service_;
-    ComPtr<RecordingLogger> logger_ = NewLogger();
+    ComPtr<RecordingLogger> logger_ = test::Adopt(new RecordingLogger(0x7));
     CQuillonLogCollector collector_{logger_.Get()};
 };
 
@@ -45,31 +45,24 @@ TEST_F(CollectorTest, PrepareFindsTheLogsFolderBesideTheQuotedImagePathAndTakesT
     EXPECT_EQ(TakeLines(), (Texts{L"PrepareCollectLog", imagePath, imagePath,
                                   L"drovesvc log path: " + service_.LogsFolder(),
                                   L"Got log file(drovesvc.log) size: 20"}));
-}
 
-TEST_F(CollectorTest, FolderRuleDropsEveryQuoteAndTheLastPathPart)
-{
-    const struct {
-        const wchar_t* imagePath;
-        const wchar_t* folder;
-    } cases[] = {
+    // Every quote goes, and the last path part.
+    const std::pair<const wchar_t*, const wchar_t*> folders[] = {
         {L"C:\\Quillon\\Agent\\drovesvc.exe", L"C:\\Quillon\\Agent\\Logs\\"},
         {L"\"C:\\Quil\"lon\\drovesvc.exe\" -service", L"C:\\Quillon\\Logs\\"},
-        {L"drovesvc.exe", L"drovesvc.exe\\Logs\\"},
-    };
-    for (const auto& c : cases) {
-        service_.Registry().SetString(ServiceInstall::kServiceKey, L"ImagePath", c.imagePath);
+        {L"drovesvc.exe", L"drovesvc.exe\\Logs\\"}};
+    for (const auto& [imagePath, folder] : folders) {
+        service_.Registry().SetString(ServiceInstall::kServiceKey, L"ImagePath", imagePath);
         collector_.PrepareCollectLog();  // the folder does not exist; only its name matters here
-        EXPECT_EQ(collector_.LogDirectory(), c.folder) << c.imagePath;
+        EXPECT_EQ(collector_.LogDirectory(), folder) << imagePath;
     }
 }
 
 TEST(CollectorRegistryTest, PrepareFailsWithTheRegistryErrorCode)
 {
     ServiceInstall service(false);
-    ComPtr<RecordingLogger> logger = NewLogger();
+    const auto logger = test::Adopt(new RecordingLogger(0x7));
     CQuillonLogCollector collector(logger.Get());
-
     EXPECT_FALSE(collector.PrepareCollectLog());
     EXPECT_TRUE(logger->Has(LogLevel::Error, L"Failed to open registry key for drovesvc, error: 2"));
 
@@ -80,30 +73,22 @@ TEST(CollectorRegistryTest, PrepareFailsWithTheRegistryErrorCode)
 
     // A path that does not fit the 2046 bytes asked for.
     service.Registry().SetString(ServiceInstall::kServiceKey, L"ImagePath", std::wstring(1100, L'x'));
-    logger->Clear();
     EXPECT_FALSE(collector.PrepareCollectLog());
     EXPECT_TRUE(logger->Has(LogLevel::Error, L"Failed to query value ImagePath, error: 234"));
 }
 
-TEST_F(CollectorTest, CollectReadsOnlyWhatWasAppendedSincePrepare)
+TEST_F(CollectorTest, CollectReadsEverythingAppendedSincePrepare)
 {
     service_.WriteLog(L"earlier\r\n");
     ASSERT_TRUE(collector_.PrepareCollectLog());
     TakeLines();
-
-    EXPECT_TRUE(collector_.CollectLog());
-    EXPECT_EQ(collector_.CollectedText(), L"");
+    EXPECT_EQ(Collected(), L"");
     EXPECT_EQ(TakeLines(), (Texts{L"CollectLog", L"No logs collected"}));
-
     service_.AppendLog(L"first\r\n");
-    EXPECT_TRUE(collector_.CollectLog());
-    EXPECT_EQ(collector_.CollectedText(), L"first\r\n");
+    EXPECT_EQ(Collected(), L"first\r\n");
     EXPECT_EQ(TakeLines(), (Texts{L"CollectLog", L"Read logs from drovesvc.log"}));
-
-    // Each collect replaces the text with everything since prepare.
     service_.AppendLog(L"second\r\n");
-    EXPECT_TRUE(collector_.CollectLog());
-    EXPECT_EQ(collector_.CollectedText(), L"first\r\nsecond\r\n");
+    EXPECT_EQ(Collected(), L"first\r\nsecond\r\n");
 }
 
 TEST_F(CollectorTest, LogCreatedAfterPrepareIsReadFromItsStart)
@@ -111,10 +96,8 @@ TEST_F(CollectorTest, LogCreatedAfterPrepareIsReadFromItsStart)
     ASSERT_TRUE(collector_.PrepareCollectLog());
     EXPECT_EQ(collector_.BeginSize(), 0u);
     EXPECT_EQ(TakeLines().back(), L"Log file not exist");
-
     service_.WriteLog(L"new log\r\n");
-    EXPECT_TRUE(collector_.CollectLog());
-    EXPECT_EQ(collector_.CollectedText(), L"new log\r\n");
+    EXPECT_EQ(Collected(), L"new log\r\n");
 }
 
 TEST_F(CollectorTest, MissingLogIsReadFromTheBackupFromTheBeginSize)
@@ -124,15 +107,12 @@ TEST_F(CollectorTest, MissingLogIsReadFromTheBackupFromTheBeginSize)
     service_.AppendLog(L"tail\r\n");
     service_.RotateLog();
     TakeLines();
-
-    EXPECT_TRUE(collector_.CollectLog());
-    EXPECT_EQ(collector_.CollectedText(), L"tail\r\n");
+    EXPECT_EQ(Collected(), L"tail\r\n");
     EXPECT_EQ(TakeLines(), (Texts{L"CollectLog", L"Log file not exist", L"log is not availbe, read from backup log"}));
 
     ASSERT_TRUE(::DeleteFileW((service_.LogsFolder() + L"drovesvc_bak.log").c_str()));
-    EXPECT_FALSE(collector_.CollectLog());
-    EXPECT_EQ(collector_.CollectedText(), L"");
-    EXPECT_TRUE(logger_->Has(LogLevel::Error, L"Failed to open backup log file, error: 2"));
+    EXPECT_EQ(Collected(false), L"");
+    EXPECT_TRUE(LoggedError(L"Failed to open backup log file, error: 2"));
 }
 
 TEST_F(CollectorTest, RotatedLogIsTheBackupTailThenTheWholeNewLog)
@@ -143,49 +123,41 @@ TEST_F(CollectorTest, RotatedLogIsTheBackupTailThenTheWholeNewLog)
     service_.RotateLog();
     service_.WriteLog(L"new\r\n");
     TakeLines();
-
-    EXPECT_TRUE(collector_.CollectLog());
-    EXPECT_EQ(collector_.CollectedText(), L"tail\r\nnew\r\n");
+    EXPECT_EQ(Collected(), L"tail\r\nnew\r\n");
     EXPECT_EQ(TakeLines(), (Texts{L"CollectLog", L"Read logs from drovesvc.log and drovesvc_bak.log"}));
 
     // A backup shorter than the log was at prepare is not ours: the new log alone, and success.
     service_.WriteBackup(L"x");
-    EXPECT_TRUE(collector_.CollectLog());
-    EXPECT_EQ(collector_.CollectedText(), L"new\r\n");
-    EXPECT_TRUE(logger_->Has(LogLevel::Error,
-                             L"Backup log file size less than the beginning size, must error occurred, abort"));
+    EXPECT_EQ(Collected(), L"new\r\n");
+    EXPECT_TRUE(LoggedError(L"Backup log file size less than the beginning size, must error occurred, abort"));
 }
 
 TEST_F(CollectorTest, SegmentBeyondTheReadLimitIsNotCollected)
 {
     ASSERT_TRUE(collector_.PrepareCollectLog());
     service_.AppendLog(std::wstring(CQuillonLogCollector::kMaxReadBytes / 2, L'a'));
-    EXPECT_TRUE(collector_.CollectLog());
-    EXPECT_EQ(collector_.CollectedText().size(), CQuillonLogCollector::kMaxReadBytes / 2);
+    EXPECT_EQ(Collected().size(), CQuillonLogCollector::kMaxReadBytes / 2);
 
     ASSERT_TRUE(collector_.PrepareCollectLog());
     service_.AppendLog(std::wstring(300000, L'b'));
     TakeLines();
-    EXPECT_FALSE(collector_.CollectLog());
-    EXPECT_EQ(collector_.CollectedText(), L"");
+    EXPECT_EQ(Collected(false), L"");
     const auto lines = logger_->Lines();
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[2], (test::LogLine{LogLevel::Error, L"Asked to read 600000 bytes, exceed max read bytes"}));
-    EXPECT_EQ(lines[3].text.rfind(L"Failed to read from log file, error: ", 0), 0u) << lines[3].text;
+    EXPECT_TRUE(lines[3].text.starts_with(L"Failed to read from log file, error: ")) << lines[3].text;
 }
 
 TEST_F(CollectorTest, ZeroCodeUnitEndsTheTextAndAnOddLastByteIsKept)
 {
     ASSERT_TRUE(collector_.PrepareCollectLog());
     service_.AppendLog(std::wstring(L"abc\0def\r\n", 9));
-    EXPECT_TRUE(collector_.CollectLog());
-    EXPECT_EQ(collector_.CollectedText(), L"abc");
+    EXPECT_EQ(Collected(), L"abc");
 
     ASSERT_TRUE(collector_.PrepareCollectLog());
     const unsigned char bytes[] = {'A', 0, 'B'};
     service_.AppendLogBytes(bytes, sizeof bytes);
-    EXPECT_TRUE(collector_.CollectLog());
-    EXPECT_EQ(collector_.CollectedText(), L"AB");
+    EXPECT_EQ(Collected(), L"AB");
 }
 
 TEST_F(CollectorTest, LoginResponseGivesTheMountLinesAfterItOncePerCycle)
@@ -198,9 +170,8 @@ TEST_F(CollectorTest, LoginResponseGivesTheMountLinesAfterItOncePerCycle)
                        L"4 MOUNTED-READ;C:\\T\\two.vhdx;id-2\r\n"
                        L"5 MOUNTED-READ;C:\\T\\three.vhdx;id-3");
     TakeLines();
-
     EXPECT_TRUE(collector_.FindLoginResponse());
-    const std::vector<TesseraEntry> found{{L"id-1", L"C:\\T\\one.vhdx"}, {L"id-2", L"C:\\T\\two.vhdx"}};
+    const Tesseras found{{L"id-1", L"C:\\T\\one.vhdx"}, {L"id-2", L"C:\\T\\two.vhdx"}};
     EXPECT_EQ(collector_.GetTesseras(), found);
     EXPECT_EQ(TakeLines(), (Texts{L"CollectLog", L"Read logs from drovesvc.log", L"Find tessera path: C:\\T\\one.vhdx",
                                   L"Find tessera id: id-1", L"Find tessera path: C:\\T\\two.vhdx",
@@ -214,10 +185,10 @@ TEST_F(CollectorTest, LoginResponseGivesTheMountLinesAfterItOncePerCycle)
 
     // A new cycle forgets both the list and the search.
     ASSERT_TRUE(collector_.PrepareCollectLog());
-    EXPECT_EQ(collector_.GetTesseras(), std::vector<TesseraEntry>{});
+    EXPECT_EQ(collector_.GetTesseras(), Tesseras{});
     service_.AppendLog(L"Manager status 200 response MOUNTED-READ;C:\\T\\five.vhdx;id-5\r\n");
     EXPECT_TRUE(collector_.FindLoginResponse());
-    EXPECT_EQ(collector_.GetTesseras(), (std::vector<TesseraEntry>{{L"id-5", L"C:\\T\\five.vhdx"}}));
+    EXPECT_EQ(collector_.GetTesseras(), (Tesseras{{L"id-5", L"C:\\T\\five.vhdx"}}));
 }
 
 TEST_F(CollectorTest, FailedSearchStillCountsAsDoneForTheCycle)
@@ -225,18 +196,17 @@ TEST_F(CollectorTest, FailedSearchStillCountsAsDoneForTheCycle)
     ASSERT_TRUE(collector_.PrepareCollectLog());
     service_.AppendLog(L"MOUNTED-READ;C:\\T\\one.vhdx;id-1\r\n");
     EXPECT_FALSE(collector_.FindLoginResponse());
-    EXPECT_TRUE(logger_->Has(LogLevel::Error, L"Failed to find login response from the log"));
-    EXPECT_EQ(collector_.GetTesseras(), std::vector<TesseraEntry>{});
-
+    EXPECT_TRUE(LoggedError(L"Failed to find login response from the log"));
+    EXPECT_EQ(collector_.GetTesseras(), Tesseras{});
     TakeLines();
     service_.AppendLog(L"Manager status 200 response MOUNTED-READ;C:\\T\\two.vhdx;id-2\r\n");
     EXPECT_TRUE(collector_.FindLoginResponse());
     EXPECT_EQ(TakeLines(), Texts{});
-    EXPECT_EQ(collector_.GetTesseras(), std::vector<TesseraEntry>{});
+    EXPECT_EQ(collector_.GetTesseras(), Tesseras{});
 
     // A collect that fails ends the cycle's search the same way.
     ASSERT_TRUE(collector_.PrepareCollectLog());
-    ASSERT_TRUE(::DeleteFileW((service_.LogsFolder() + L"drovesvc.log").c_str()));
+    service_.RemoveLog();
     EXPECT_FALSE(collector_.FindLoginResponse());
     EXPECT_TRUE(collector_.FindLoginResponse());
 }
@@ -246,7 +216,7 @@ TEST(MountLinesTest, OnlyCompleteLinesFromTheStartPositionOnAreTaken)
     const struct {
         std::wstring text;
         size_t start;
-        std::vector<TesseraEntry> expected;
+        Tesseras expected;
     } cases[] = {
         {L"x MOUNTED-READ;C:\\a b\\one.vhdx;id 1\r\nMOUNTED-READ;p2;i2\r\n", 0,
          {{L"id 1", L"C:\\a b\\one.vhdx"}, {L"i2", L"p2"}}},

@@ -1,6 +1,8 @@
-// The class factory and the unload rule, through DllGetClassObject and
-// DllCanUnloadNow as a host calls them.
-#include "loaded_server.h"
+// The class factory and the unload rule through the DLL's exports, and the
+// module object linked into the test.
+#include "event_log_provider_module.h"
+#include "module_env.h"
+#include "provider.h"
 #include "test_com_object.h"
 
 #include "zeph_eventlog_h.h"
@@ -16,24 +18,17 @@ using Microsoft::WRL::ComPtr;
 const CLSID kOtherClsid = {0x11111111, 0x2222, 0x3333, {0x44, 0x44, 0x55, 0x55, 0x55, 0x55, 0x55, 0x55}};
 const CLSID kOuterClassId = {0x0badc0de, 0x1234, 0x5678, {0x9a, 0xbc, 0xde, 0xf0, 0x12, 0x34, 0x56, 0x78}};
 
-// An object that aggregates the provider: IPersist is its own, everything else
-// goes to the provider's inner unknown, which it releases when it goes.
+// Aggregates the provider: IPersist is its own, the rest goes to the inner unknown.
 class OuterObject final : public TestComObject<IPersist> {
 public:
     ~OuterObject() override
     {
-        if (inner_ != nullptr) {
-            inner_->Release();
-        }
+        if (inner_ != nullptr) inner_->Release();
     }
-
     STDMETHODIMP QueryInterface(REFIID riid, void** object) override
     {
         const HRESULT own = TestComObject<IPersist>::QueryInterface(riid, object);
-        if (SUCCEEDED(own) || inner_ == nullptr) {
-            return own;
-        }
-        return inner_->QueryInterface(riid, object);
+        return SUCCEEDED(own) || inner_ == nullptr ? own : inner_->QueryInterface(riid, object);
     }
     STDMETHODIMP GetClassID(CLSID* classId) override
     {
@@ -41,18 +36,12 @@ public:
         return S_OK;
     }
 
-    IUnknown* Identity() { return static_cast<IUnknown*>(this); }
-    IUnknown* Inner() const { return inner_; }
-    void** InnerSlot() { return reinterpret_cast<void**>(&inner_); }
-
-private:
     IUnknown* inner_ = nullptr;
 };
 
 class ClassObjectTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(server_.Loaded()); }
-
     ComPtr<IClassFactory> Factory()
     {
         ComPtr<IClassFactory> factory;
@@ -66,9 +55,8 @@ protected:
 TEST_F(ClassObjectTest, OneSharedFactoryForTheProviderClassAndNoneForAnyOther)
 {
     ComPtr<IClassFactory> first = Factory();
-    ComPtr<IClassFactory> second = Factory();
     ASSERT_NE(first, nullptr);
-    EXPECT_EQ(first.Get(), second.Get());
+    EXPECT_EQ(first.Get(), Factory().Get());
 
     void* object = &object;
     EXPECT_EQ(server_.GetClassObject(kOtherClsid, IID_IClassFactory, &object), CLASS_E_CLASSNOTAVAILABLE);
@@ -83,19 +71,16 @@ TEST_F(ClassObjectTest, OneSharedFactoryForTheProviderClassAndNoneForAnyOther)
     EXPECT_EQ(first->CreateInstance(nullptr, IID_IPersist, &object), E_NOINTERFACE);
     EXPECT_EQ(object, nullptr);
     first.Reset();
-    second.Reset();
     EXPECT_EQ(server_.CanUnloadNow(), S_OK);
 }
 
 TEST_F(ClassObjectTest, CanUnloadNowOnlyWhenNoFactoryProviderOrServerLockRemains)
 {
     EXPECT_EQ(server_.CanUnloadNow(), S_OK);
-
     ComPtr<IClassFactory> factory = Factory();
     EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);  // a held class object keeps the DLL too
-    ComPtr<IZephDataProvider> provider;
+    ComPtr<IZephDataProvider> provider, another;
     ASSERT_EQ(factory->CreateInstance(nullptr, IID_PPV_ARGS(&provider)), S_OK);
-    ComPtr<IZephDataProvider> another;
     ASSERT_EQ(factory->CreateInstance(nullptr, IID_PPV_ARGS(&another)), S_OK);
     EXPECT_NE(provider.Get(), another.Get());
     factory.Reset();
@@ -106,7 +91,6 @@ TEST_F(ClassObjectTest, CanUnloadNowOnlyWhenNoFactoryProviderOrServerLockRemains
     EXPECT_EQ(server_.CanUnloadNow(), S_OK);
 
     Factory()->LockServer(TRUE);
-    EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);
     Factory()->LockServer(TRUE);
     Factory()->LockServer(FALSE);
     EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);
@@ -126,24 +110,21 @@ TEST_F(ClassObjectTest, AggregatedProviderTakesTheOuterObjectsIdentityAndCount)
     EXPECT_EQ(factory->CreateInstance(outer, IID_IDispatch, &refused), CLASS_E_NOAGGREGATION);
     EXPECT_EQ(outer->References(), 1u);
 
-    ASSERT_EQ(factory->CreateInstance(outer, IID_IUnknown, outer->InnerSlot()), S_OK);
-    ASSERT_NE(outer->Inner(), nullptr);
+    ASSERT_EQ(factory->CreateInstance(outer, IID_IUnknown, reinterpret_cast<void**>(&outer->inner_)), S_OK);
+    ASSERT_NE(outer->inner_, nullptr);
     factory.Reset();
-    EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);
 
     // The inner unknown is an identity of its own.
-    ComPtr<IUnknown> innerIdentity;
-    ASSERT_EQ(outer->Inner()->QueryInterface(IID_PPV_ARGS(&innerIdentity)), S_OK);
-    EXPECT_EQ(innerIdentity.Get(), outer->Inner());
-    innerIdentity.Reset();
+    ComPtr<IUnknown> identity;
+    ASSERT_EQ(outer->inner_->QueryInterface(IID_PPV_ARGS(&identity)), S_OK);
+    EXPECT_EQ(identity.Get(), outer->inner_);
 
     // The provider's interfaces are counted on the outer object and answer for it.
     ComPtr<IZephDataProvider> provider;
     ASSERT_EQ(outer->QueryInterface(IID_PPV_ARGS(&provider)), S_OK);
     EXPECT_EQ(outer->References(), 2u);
-    ComPtr<IUnknown> identity;
     ASSERT_EQ(provider->QueryInterface(IID_PPV_ARGS(&identity)), S_OK);
-    EXPECT_EQ(identity.Get(), outer->Identity());
+    EXPECT_EQ(identity.Get(), static_cast<IUnknown*>(outer));
     ComPtr<IPersist> persist;
     ASSERT_EQ(provider.As(&persist), S_OK);
     CLSID classId{};
@@ -163,6 +144,34 @@ TEST_F(ClassObjectTest, AggregatedProviderTakesTheOuterObjectsIdentityAndCount)
     EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);
     outer->Release();  // takes the inner object with it
     EXPECT_EQ(server_.CanUnloadNow(), S_OK);
+}
+
+TEST(ModuleObjectTest, GlobalInterfaceTableIsCreatedOnceAndHandedOutWithAReference)
+{
+    CEventLogProviderModule module;
+    EXPECT_EQ(module.GetGlobalInterfaceTable(nullptr), E_POINTER);
+    ComPtr<IGlobalInterfaceTable> first, second;
+    ASSERT_EQ(module.GetGlobalInterfaceTable(&first), S_OK);
+    ASSERT_EQ(module.GetGlobalInterfaceTable(&second), S_OK);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first.Get(), second.Get());
+
+    const auto object = Adopt(new CountingHostContext());
+    DWORD cookie = 0;
+    ASSERT_EQ(first->RegisterInterfaceInGlobal(object.Get(), IID_IUnknown, &cookie), S_OK);
+    ComPtr<IUnknown> back;
+    ASSERT_EQ(second->GetInterfaceFromGlobal(cookie, IID_PPV_ARGS(&back)), S_OK);
+    EXPECT_EQ(back.Get(), object.Get());
+    back.Reset();
+    EXPECT_EQ(first->RevokeInterfaceFromGlobal(cookie), S_OK);
+    EXPECT_EQ(object->References(), 1u);
+}
+
+TEST(ModuleObjectTest, ProviderUsesTheLibraryIdOfTheTypeLibrary)
+{
+    EXPECT_EQ(EventLogProviderLib::kLibId, LIBID_EventLogProviderLib);
+    EXPECT_EQ(EventLogProviderLib::kMajor, 1);
+    EXPECT_EQ(EventLogProviderLib::kMinor, 0);
 }
 
 }  // namespace

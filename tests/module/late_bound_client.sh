@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
-# The DLL as an installer and a script client meet it, in the build's Wine
-# prefix: the host's Agent.tlb is registered first (the host's installer does
-# that), then regsvr32 registers the DLL machine-wide, a JScript client drives
-# the provider through IDispatch, regsvr32 /u removes it again, and
-# regsvr32 /i:user /n registers and removes it per user.
+# The DLL as an installer and a script client meet it, in the build's Wine prefix:
+# the host's Agent.tlb is registered first (as the host's installer does), regsvr32
+# registers the DLL machine-wide, a JScript client drives the provider through
+# IDispatch, regsvr32 /u removes it, and /i:user /n does the same per user.
 # Usage: late_bound_client.sh <build folder>
 set -uo pipefail
 
@@ -12,38 +11,30 @@ here=$(cd "$(dirname "$0")" && pwd)
 script="Z:${here//\//\\}\\late_bound_client.js"
 failures=0
 
-# Every Wine start is bounded so a stuck process fails the test instead of hanging it.
-run() { timeout 120 "$build/wine-run" "$@"; }
-
+run() { timeout 120 "$build/wine-run" "$@"; }  # a stuck process fails the step instead of hanging
 step() {
     local what=$1
     shift
-    if "$@"; then
-        echo "ok: $what"
-    else
-        echo "FAILED ($?): $what"
-        failures=$((failures + 1))
-    fi
+    if "$@"; then echo "ok: $what"; else echo "FAILED ($?): $what"; failures=$((failures + 1)); fi
 }
-
 cleanup() {
     run regsvr32 /s /u zeph_eventlog.dll >/dev/null 2>&1
     run regsvr32 /s /u /i:user /n zeph_eventlog.dll >/dev/null 2>&1
-    run register_type_library.exe /u Agent.tlb >/dev/null 2>&1
+    run zeph-host.exe --unregister-tlb Agent.tlb >/dev/null 2>&1
 }
 
 cd "$build/bin" || exit 1
 cleanup
 trap cleanup EXIT
 
-step "register Agent.tlb" run register_type_library.exe Agent.tlb
-step "regsvr32 zeph_eventlog.dll" run regsvr32 /s zeph_eventlog.dll
+step "register Agent.tlb" run zeph-host.exe --register-tlb Agent.tlb
+step "regsvr32" run regsvr32 /s zeph_eventlog.dll
 step "script client, registered" run cscript //nologo "$script" registered
-step "regsvr32 /u zeph_eventlog.dll" run regsvr32 /s /u zeph_eventlog.dll
+step "regsvr32 /u" run regsvr32 /s /u zeph_eventlog.dll
 step "script client, unregistered" run cscript //nologo "$script" unregistered
-step "regsvr32 /i:user /n zeph_eventlog.dll" run regsvr32 /s /i:user /n zeph_eventlog.dll
+step "regsvr32 /i:user /n" run regsvr32 /s /i:user /n zeph_eventlog.dll
 step "script client, per user" run cscript //nologo "$script" per-user
-step "regsvr32 /u /i:user /n zeph_eventlog.dll" run regsvr32 /s /u /i:user /n zeph_eventlog.dll
+step "regsvr32 /u /i:user /n" run regsvr32 /s /u /i:user /n zeph_eventlog.dll
 step "script client, unregistered per user" run cscript //nologo "$script" unregistered
 
 echo "$failures step(s) failed"

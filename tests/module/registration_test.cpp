@@ -1,30 +1,69 @@
-// Registration through the DLL's exports, per machine and per user, with the
-// classes roots redirected to scratch keys.
-#include "loaded_server.h"
-#include "scratch_registry.h"
+// Registration: the table code below a scratch root, then the DLL's exports per
+// machine and per user with the classes roots redirected to scratch keys.
+#include "hresult.h"
+#include "module_env.h"
+#include "registry_table.h"
 
 #include <gtest/gtest.h>
-
-#include <set>
-#include <string>
 
 namespace zeph::test {
 namespace {
 
+using Lines = std::set<std::wstring>;
+
+const RegistryReplacements kReplacements = {{L"NAME", L"zeph"}, {L"PATH", L"C:\\bin\\zeph.dll"}};
+
+TEST(RegistryTableTest, ReplacementsExpandExactNamesAndRefuseUnknownOnes)
+{
+    EXPECT_EQ(ExpandReplacements(L"%NAME%:%PATH%, 50%% done", kReplacements), L"zeph:C:\\bin\\zeph.dll, 50% done");
+    for (const wchar_t* bad : {L"%OTHER%", L"%NAME", L"%name%"}) {
+        HRESULT code = S_OK;
+        try {
+            ExpandReplacements(bad, kReplacements);
+        } catch (const HResultError& error) {
+            code = error.Code();
+        }
+        EXPECT_EQ(code, E_INVALIDARG) << testing::PrintToString(bad);
+    }
+}
+
+TEST(RegistryTableTest, UnregisteringRemovesOnlyWhatTheTableOwns)
+{
+    constexpr RegistryRow kRows[] = {
+        {L"Shared", RegistryRemoval::NoRemove},
+        {L"Shared\\%NAME%", RegistryRemoval::Normal, L"", L"%PATH%"},
+        {L"Shared\\%NAME%", RegistryRemoval::Normal, L"Share", L"100%%"},
+        {L"Owned", RegistryRemoval::ForceRemove, L"", L"owned"},
+        {L"Owned\\Child", RegistryRemoval::Normal, L"Value", L"%NAME%"},
+    };
+    const ScratchRegistry registry{L"module-table"};
+    const HKEY root = registry.CurrentUser();
+    ASSERT_EQ(RegisterTable(root, kRows, kReplacements), S_OK);
+    EXPECT_EQ(RegistryTree(root), (Lines{L"Shared", L"Shared\\zeph", L"Shared\\zeph [@] = C:\\bin\\zeph.dll",
+                                         L"Shared\\zeph [Share] = 100%", L"Owned", L"Owned [@] = owned",
+                                         L"Owned\\Child", L"Owned\\Child [Value] = zeph"}));
+    WriteKey(root, L"Shared\\zeph", L"Foreign", L"kept");
+    WriteKey(root, L"Owned\\Child\\Foreign");
+    ASSERT_EQ(UnregisterTable(root, kRows, kReplacements), S_OK);
+    EXPECT_EQ(RegistryTree(root), (Lines{L"Shared", L"Shared\\zeph", L"Shared\\zeph [Foreign] = kept"}));
+
+    // A key that only held the table's values goes once the foreign value is gone.
+    WriteKey(root, L"Shared\\zeph", L"", L"again");
+    ASSERT_EQ(::RegDeleteKeyValueW(root, L"Shared\\zeph", L"Foreign"), ERROR_SUCCESS);
+    ASSERT_EQ(UnregisterTable(root, kRows, kReplacements), S_OK);
+    EXPECT_EQ(RegistryTree(root), Lines{L"Shared"});
+}
+
 constexpr wchar_t kUserClasses[] = L"Software\\Classes";
 constexpr wchar_t kTypeLibKey[] = L"TypeLib\\{BA21C1A6-3183-4E99-A464-6DF4178B7249}";
+constexpr wchar_t kClsidKey[] = L"CLSID\\{DAF69464-F4E2-40C0-BCC3-A30E819975F0}";
 constexpr LCID kGerman = 0x0407;
+const Lines kTableKeys = {L"AppID", L"CLSID", L"ZephAgent.EventLogProvider", L"ZephAgent.EventLogProvider.1"};
+const Lines kKeptParents = {L"AppID", L"CLSID"};  // shared, so unregistering keeps them
 
-// The top-level keys that the two registration tables write.
-const std::set<std::wstring> kTableKeys = {L"AppID", L"CLSID", L"ZephAgent.EventLogProvider",
-                                           L"ZephAgent.EventLogProvider.1"};
-
-// The shared parents that unregistration keeps.
-const std::set<std::wstring> kKeptParents = {L"AppID", L"CLSID"};
-
-std::set<std::wstring> Registered(const std::wstring& dllPath)
+Lines Registered(const std::wstring& dllPath)
 {
-    const std::wstring clsid = L"CLSID\\{DAF69464-F4E2-40C0-BCC3-A30E819975F0}";
+    const std::wstring clsid = kClsidKey;
     return {
         L"AppID",
         L"AppID\\{44D2B20B-C31C-43B7-A2E6-B5FA579BFDF2}",
@@ -57,6 +96,8 @@ std::set<std::wstring> Registered(const std::wstring& dllPath)
     };
 }
 
+// Every export runs with the caller's thread locale set to German: whatever the
+// DLL switches to must be back when it returns, failures included.
 class RegistrationTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -64,24 +105,21 @@ protected:
         ASSERT_TRUE(server_.Loaded());
         savedLocale_ = ::GetThreadLocale();
         ASSERT_TRUE(::SetThreadLocale(kGerman));
-        ASSERT_EQ(::GetThreadLocale(), kGerman);
     }
-    void TearDown() override { ::SetThreadLocale(savedLocale_); }
-
-    std::set<std::wstring> MachineTables() const { return RegistryTree(registry_.ClassesRoot(), L"", kTableKeys); }
-    std::set<std::wstring> UserTables() const
+    void TearDown() override
     {
-        return RegistryTree(registry_.CurrentUser(), kUserClasses, kTableKeys);
+        EXPECT_EQ(::GetThreadLocale(), kGerman) << "the thread locale was not restored";
+        ::SetThreadLocale(savedLocale_);
     }
-    std::set<std::wstring> Expected() const { return Registered(server_.Path()); }
 
-    // The registered path of the type library below root, or empty.
+    Lines MachineTables() const { return RegistryTree(registry_.ClassesRoot(), L"", kTableKeys); }
+    Lines UserTables() const { return RegistryTree(registry_.CurrentUser(), kUserClasses, kTableKeys); }
+    Lines Expected() const { return Registered(server_.Path()); }
+    // The type library's registered path below root, or empty.
     static std::wstring TypeLibPath(HKEY root)
     {
         for (const std::wstring& line : RegistryTree(root, kTypeLibKey)) {
-            if (line.rfind(L"1.0\\0\\win64 [@] = ", 0) == 0) {
-                return line.substr(line.find(L" = ") + 3);
-            }
+            if (line.starts_with(L"1.0\\0\\win64 [@] = ")) return line.substr(line.find(L" = ") + 3);
         }
         return {};
     }
@@ -91,62 +129,44 @@ protected:
     LCID savedLocale_ = 0;
 };
 
-TEST_F(RegistrationTest, RegisterServerWritesBothTablesAndTheTypeLibraryBelowTheClassesRoot)
+TEST_F(RegistrationTest, RegisterServerWritesBothTablesAndTheTypeLibrary)
 {
     // A stale class key is replaced whole.
-    const std::wstring clsid = L"CLSID\\{DAF69464-F4E2-40C0-BCC3-A30E819975F0}";
-    WriteKey(registry_.ClassesRoot(), clsid + L"\\InprocServer32", L"ThreadingModel", L"Apartment");
-    WriteKey(registry_.ClassesRoot(), clsid + L"\\LocalServer32", L"", L"C:\\old\\zeph.exe");
-
-    ASSERT_EQ(server_.Register(), S_OK);
-    EXPECT_EQ(::GetThreadLocale(), kGerman);
-
-    EXPECT_EQ(MachineTables(), Expected());
+    WriteKey(registry_.ClassesRoot(), kClsidKey + std::wstring(L"\\InprocServer32"), L"ThreadingModel", L"Apartment");
+    WriteKey(registry_.ClassesRoot(), kClsidKey + std::wstring(L"\\LocalServer32"), L"", L"C:\\old\\zeph.exe");
+    for (int round = 0; round < 2; ++round) {  // registering twice gives the same picture
+        ASSERT_EQ(server_.Register(), S_OK);
+        EXPECT_EQ(MachineTables(), Expected());
+    }
     EXPECT_EQ(TypeLibPath(registry_.ClassesRoot()), server_.Path());
-    EXPECT_EQ(RegistryTree(registry_.CurrentUser()), std::set<std::wstring>{});
-
-    // Registering twice gives the same picture.
-    ASSERT_EQ(server_.Register(), S_OK);
-    EXPECT_EQ(MachineTables(), Expected());
+    EXPECT_EQ(RegistryTree(registry_.CurrentUser()), Lines{});
 }
 
-TEST_F(RegistrationTest, UnregisterServerKeepsSharedParentsAndOtherClassesAndRemovesTheRest)
+TEST_F(RegistrationTest, UnregisterServerKeepsSharedParentsAndOtherClasses)
 {
     WriteKey(registry_.ClassesRoot(), L"CLSID\\{11111111-2222-3333-4444-555555555555}", L"", L"other class");
     WriteKey(registry_.ClassesRoot(), L"AppID\\{11111111-2222-3333-4444-555555555555}", L"", L"other app");
     ASSERT_EQ(server_.Register(), S_OK);
-    // Anything below the class's own CLSID key goes with it.
-    WriteKey(registry_.ClassesRoot(), L"CLSID\\{DAF69464-F4E2-40C0-BCC3-A30E819975F0}\\Implemented Categories");
+    WriteKey(registry_.ClassesRoot(), kClsidKey + std::wstring(L"\\Implemented Categories"));  // goes with the class
 
     ASSERT_EQ(server_.Unregister(), S_OK);
-    EXPECT_EQ(::GetThreadLocale(), kGerman);
-    EXPECT_EQ(MachineTables(), (std::set<std::wstring>{
-                                   L"AppID",
-                                   L"AppID\\{11111111-2222-3333-4444-555555555555}",
-                                   L"AppID\\{11111111-2222-3333-4444-555555555555} [@] = other app",
-                                   L"CLSID",
-                                   L"CLSID\\{11111111-2222-3333-4444-555555555555}",
-                                   L"CLSID\\{11111111-2222-3333-4444-555555555555} [@] = other class",
-                               }));
+    EXPECT_EQ(MachineTables(), (Lines{L"AppID", L"AppID\\{11111111-2222-3333-4444-555555555555}",
+                                      L"AppID\\{11111111-2222-3333-4444-555555555555} [@] = other app", L"CLSID",
+                                      L"CLSID\\{11111111-2222-3333-4444-555555555555}",
+                                      L"CLSID\\{11111111-2222-3333-4444-555555555555} [@] = other class"}));
     EXPECT_EQ(TypeLibPath(registry_.ClassesRoot()), L"");
-
-    // Nothing left to remove is no failure.
-    EXPECT_EQ(server_.Unregister(), S_OK);
+    EXPECT_EQ(server_.Unregister(), S_OK);  // nothing left to remove is no failure
 }
 
-TEST_F(RegistrationTest, PerUserInstallWritesBelowTheCurrentUsersClassesAndStaysPerUser)
+TEST_F(RegistrationTest, PerUserInstallWritesBelowTheUsersClassesAndStaysPerUser)
 {
     ASSERT_EQ(server_.Install(TRUE, L"USER"), S_OK);
-    EXPECT_EQ(::GetThreadLocale(), kGerman);
-
-    std::set<std::wstring> expected = Expected();
-    EXPECT_EQ(UserTables(), expected);
-    EXPECT_EQ(MachineTables(), std::set<std::wstring>{});
+    EXPECT_EQ(UserTables(), Expected());
+    EXPECT_EQ(MachineTables(), Lines{});
     if (RunningOnWine()) {
         // Wine registers a type library machine-wide even when asked per user.
         EXPECT_EQ(TypeLibPath(registry_.ClassesRoot()), server_.Path());
     } else {
-        EXPECT_EQ(TypeLibPath(registry_.CurrentUser()), L"");
         unique_hkey userClasses;
         ASSERT_EQ(::RegOpenKeyExW(registry_.CurrentUser(), kUserClasses, 0, KEY_READ, userClasses.put()),
                   ERROR_SUCCESS);
@@ -155,33 +175,25 @@ TEST_F(RegistrationTest, PerUserInstallWritesBelowTheCurrentUsersClassesAndStays
 
     // The switch holds for the rest of the process, the plain exports included.
     ASSERT_EQ(server_.Register(), S_OK);
-    EXPECT_EQ(MachineTables(), std::set<std::wstring>{});
-
+    EXPECT_EQ(MachineTables(), Lines{});
     ASSERT_EQ(server_.Install(FALSE, L"user"), S_OK);
-    EXPECT_EQ(::GetThreadLocale(), kGerman);
     EXPECT_EQ(UserTables(), kKeptParents);
     EXPECT_EQ(TypeLibPath(registry_.ClassesRoot()), L"");
 }
 
-TEST_F(RegistrationTest, InstallWithAnyOtherCommandLineRegistersMachineWide)
+TEST_F(RegistrationTest, InstallWithAnyOtherCommandLineIsMachineWide)
 {
-    ASSERT_EQ(server_.Install(TRUE, L"userx"), S_OK);
-    EXPECT_EQ(MachineTables(), Expected());
-    EXPECT_EQ(UserTables(), std::set<std::wstring>{});
-
-    // Uninstalling without a command line is unregistering.
-    ASSERT_EQ(server_.Install(FALSE, nullptr), S_OK);
-    EXPECT_EQ(::GetThreadLocale(), kGerman);
-    EXPECT_EQ(MachineTables(), kKeptParents);
-
-    ASSERT_EQ(server_.Install(TRUE, L"use"), S_OK);
-    EXPECT_EQ(MachineTables(), Expected());
-    ASSERT_EQ(server_.Install(FALSE, L""), S_OK);
-    EXPECT_EQ(MachineTables(), kKeptParents);
-    EXPECT_EQ(UserTables(), std::set<std::wstring>{});
+    for (const wchar_t* commandLine : {L"userx", L"use", L"", static_cast<const wchar_t*>(nullptr)}) {
+        SCOPED_TRACE(commandLine == nullptr ? "null" : testing::PrintToString(commandLine));
+        ASSERT_EQ(server_.Install(TRUE, commandLine), S_OK);
+        EXPECT_EQ(MachineTables(), Expected());
+        ASSERT_EQ(server_.Install(FALSE, commandLine), S_OK);
+        EXPECT_EQ(MachineTables(), kKeptParents);
+        EXPECT_EQ(UserTables(), Lines{});
+    }
 }
 
-TEST_F(RegistrationTest, FailedRegistrationRestoresTheLocaleAndOnlyInstallUndoesIt)
+TEST_F(RegistrationTest, FailedRegistrationLeavesItsPartsAndOnlyInstallUndoesThem)
 {
     // Below a volatile CLSID key the class key cannot be created, after the
     // AppID table and the ProgIDs have been written.
@@ -189,20 +201,13 @@ TEST_F(RegistrationTest, FailedRegistrationRestoresTheLocaleAndOnlyInstallUndoes
     const HRESULT mustBeVolatile = HRESULT_FROM_WIN32(ERROR_CHILD_MUST_BE_VOLATILE);
 
     EXPECT_EQ(server_.Register(), mustBeVolatile);
-    EXPECT_EQ(::GetThreadLocale(), kGerman);
-    std::set<std::wstring> leftBehind;
-    for (const std::wstring& line : Expected()) {
-        if (line.rfind(L"CLSID\\", 0) != 0) {
-            leftBehind.insert(line);
-        }
-    }
+    Lines leftBehind = Expected();
+    std::erase_if(leftBehind, [](const std::wstring& line) { return line.starts_with(L"CLSID\\"); });
     EXPECT_EQ(MachineTables(), leftBehind);
-
     ASSERT_EQ(server_.Unregister(), S_OK);
     EXPECT_EQ(MachineTables(), kKeptParents);
 
     EXPECT_EQ(server_.Install(TRUE, nullptr), mustBeVolatile);
-    EXPECT_EQ(::GetThreadLocale(), kGerman);
     EXPECT_EQ(MachineTables(), kKeptParents);
     EXPECT_EQ(TypeLibPath(registry_.ClassesRoot()), L"");
 }

@@ -5,23 +5,47 @@
 
 #include <windows.h>
 
+#include <gtest/gtest.h>
+
 #include <string>
 
 namespace zeph::test {
 
 // FILETIME (as a 64-bit count) of a UTC date and time.
-ULONGLONG FileTimeOf(WORD year, WORD month, WORD day, WORD hour, WORD minute, WORD second, WORD milliseconds = 0);
+inline ULONGLONG FileTimeOf(WORD year, WORD month, WORD day, WORD hour, WORD minute, WORD second,
+                            WORD milliseconds = 0)
+{
+    const SYSTEMTIME utc = {year, month, 0, day, hour, minute, second, milliseconds};
+    FILETIME time = {};
+    EXPECT_TRUE(::SystemTimeToFileTime(&utc, &time));
+    return (static_cast<ULONGLONG>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+}
 
 // Milliseconds since 1970-01-01 UTC of a FILETIME.
-ULONGLONG UnixMillisecondsOf(ULONGLONG fileTime);
+inline ULONGLONG UnixMillisecondsOf(ULONGLONG fileTime)
+{
+    return (fileTime - 116444736000000000ULL) / 10000ULL;
+}
 
 // Writes one event; fails the test if the simulator refuses it.
-void WriteEvent(const wchar_t* channel, const wchar_t* publisher, USHORT eventId, ULONGLONG timeCreated,
-                const std::wstring& message, DWORD flags = 0);
+inline void WriteEvent(const wchar_t* channel, const wchar_t* publisher, USHORT eventId, ULONGLONG timeCreated,
+                       const std::wstring& message, DWORD flags = 0)
+{
+    const EVT_SIM_EVENT event = {channel, publisher, eventId, timeCreated, message.c_str(), flags};
+    ASSERT_EQ(::EvtSimWriteEvent(&event), static_cast<DWORD>(ERROR_SUCCESS)) << "writing to " << channel;
+}
 
 // Waits (bounded) until every delivery is done; fails the test on timeout.
-void WaitForDeliveries();
+inline void WaitForDeliveries()
+{
+    ASSERT_TRUE(::EvtSimWaitForDeliveries(60000)) << "deliveries did not finish within a minute";
+}
 
-EVT_SIM_COUNTERS Counters();
+inline EVT_SIM_COUNTERS Counters()
+{
+    EVT_SIM_COUNTERS counters = {};
+    ::EvtSimGetCounters(&counters);
+    return counters;
+}
 
 }  // namespace zeph::test

@@ -1,4 +1,4 @@
-#include "scratch_registry.h"
+#include "module_env.h"
 
 #include <gtest/gtest.h>
 
@@ -8,14 +8,13 @@ namespace zeph::test {
 
 namespace {
 
-constexpr wchar_t kScratchParent[] = L"Software\\ZephTest\\";
+constexpr wchar_t kDllName[] = L"zeph_eventlog.dll";
 
 unique_hkey CreateKey(HKEY root, const std::wstring& path, DWORD options = REG_OPTION_NON_VOLATILE)
 {
     unique_hkey key;
-    const LSTATUS status =
-        ::RegCreateKeyExW(root, path.c_str(), 0, nullptr, options, KEY_ALL_ACCESS, nullptr, key.put(), nullptr);
-    EXPECT_EQ(status, ERROR_SUCCESS) << "cannot create a scratch key";
+    EXPECT_EQ(::RegCreateKeyExW(root, path.c_str(), 0, nullptr, options, KEY_ALL_ACCESS, nullptr, key.put(), nullptr),
+              ERROR_SUCCESS);
     return key;
 }
 
@@ -23,28 +22,24 @@ void Collect(HKEY key, const std::wstring& prefix, std::set<std::wstring>& lines
 {
     std::vector<wchar_t> name(16384);
     std::vector<BYTE> data(65536);
-    for (DWORD index = 0;; ++index) {
-        DWORD nameLength = static_cast<DWORD>(name.size());
-        DWORD dataLength = static_cast<DWORD>(data.size());
-        DWORD type = 0;
-        if (::RegEnumValueW(key, index, name.data(), &nameLength, nullptr, &type, data.data(), &dataLength) !=
+    for (DWORD i = 0;; ++i) {
+        DWORD nameLength = static_cast<DWORD>(name.size()), dataLength = static_cast<DWORD>(data.size()), type = 0;
+        if (::RegEnumValueW(key, i, name.data(), &nameLength, nullptr, &type, data.data(), &dataLength) !=
             ERROR_SUCCESS) {
             break;
         }
         std::wstring line = prefix + L" [" + (nameLength == 0 ? L"@" : std::wstring(name.data(), nameLength)) + L"]";
         if (type == REG_SZ) {
-            std::wstring text(reinterpret_cast<const wchar_t*>(data.data()), dataLength / sizeof(wchar_t));
-            text.resize(text.find(L'\0') == std::wstring::npos ? text.size() : text.find(L'\0'));
-            line += L" = " + text;
+            const std::wstring text(reinterpret_cast<const wchar_t*>(data.data()), dataLength / sizeof(wchar_t));
+            line += L" = " + text.substr(0, text.find(L'\0'));
         } else {
             line += L" <type " + std::to_wstring(type) + L">";
         }
         lines.insert(line);
     }
-    for (DWORD index = 0;; ++index) {
+    for (DWORD i = 0;; ++i) {
         DWORD nameLength = static_cast<DWORD>(name.size());
-        if (::RegEnumKeyExW(key, index, name.data(), &nameLength, nullptr, nullptr, nullptr, nullptr) !=
-            ERROR_SUCCESS) {
+        if (::RegEnumKeyExW(key, i, name.data(), &nameLength, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
             break;
         }
         const std::wstring child(name.data(), nameLength);
@@ -59,7 +54,45 @@ void Collect(HKEY key, const std::wstring& prefix, std::set<std::wstring>& lines
 
 }  // namespace
 
-ScratchRegistry::ScratchRegistry(const std::wstring& name) : path_(kScratchParent + name)
+std::wstring LoadedServer::BinFolder()
+{
+    std::wstring path(MAX_PATH, L'\0');
+    path.resize(::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+    return path.substr(0, path.find_last_of(L"\\/") + 1);
+}
+
+LoadedServer::LoadedServer()
+{
+    EXPECT_EQ(::GetModuleHandleW(kDllName), nullptr) << "an earlier test left the DLL loaded";
+    module_ = ::LoadLibraryW((BinFolder() + kDllName).c_str());
+    EXPECT_NE(module_, nullptr) << "LoadLibrary failed: " << ::GetLastError();
+    if (module_ != nullptr) {
+        path_.resize(MAX_PATH);
+        path_.resize(::GetModuleFileNameW(module_, path_.data(), static_cast<DWORD>(path_.size())));
+        loaded_ = true;
+        for (const char* name :
+             {"DllCanUnloadNow", "DllGetClassObject", "DllInstall", "DllRegisterServer", "DllUnregisterServer"}) {
+            const bool found = ::GetProcAddress(module_, name) != nullptr;
+            EXPECT_TRUE(found) << name << " is not exported";
+            loaded_ = loaded_ && found;
+        }
+    }
+}
+
+LoadedServer::~LoadedServer()
+{
+    if (module_ != nullptr) {
+        ::FreeLibrary(module_);
+        EXPECT_EQ(::GetModuleHandleW(kDllName), nullptr) << "something still holds the DLL";
+    }
+}
+
+bool RunningOnWine()
+{
+    return ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+}
+
+ScratchRegistry::ScratchRegistry(const std::wstring& name) : path_(L"Software\\ZephTest\\" + name)
 {
     ::RegDeleteTreeW(HKEY_CURRENT_USER, path_.c_str());  // leftovers of an aborted run
     classesRoot_ = CreateKey(HKEY_CURRENT_USER, path_ + L"\\ClassesRoot");
@@ -78,25 +111,16 @@ ScratchRegistry::~ScratchRegistry()
     ::RegDeleteKeyW(HKEY_CURRENT_USER, path_.c_str());
 }
 
-std::set<std::wstring> RegistryTree(HKEY root, const std::wstring& path)
+std::set<std::wstring> RegistryTree(HKEY root, const std::wstring& path, const std::set<std::wstring>& keys)
 {
     std::set<std::wstring> lines;
     unique_hkey key;
     if (::RegOpenKeyExW(root, path.empty() ? nullptr : path.c_str(), 0, KEY_READ, key.put()) == ERROR_SUCCESS) {
         Collect(key.get(), L"", lines);
     }
-    return lines;
-}
-
-std::set<std::wstring> RegistryTree(HKEY root, const std::wstring& path, const std::set<std::wstring>& keys)
-{
-    std::set<std::wstring> lines;
-    for (const std::wstring& line : RegistryTree(root, path)) {
-        const std::wstring top = line.substr(0, line.find_first_of(L"\\ "));
-        if (keys.count(top) != 0) {
-            lines.insert(line);
-        }
-    }
+    std::erase_if(lines, [&](const std::wstring& line) {
+        return !keys.empty() && keys.count(line.substr(0, line.find_first_of(L"\\ "))) == 0;
+    });
     return lines;
 }
 
