@@ -53,67 +53,48 @@ TEST(HResultFromWin32, KeepsZeroAndNegativeAndMapsTheRest)
     EXPECT_EQ(HResultFromWin32(static_cast<long>(E_FAIL)), E_FAIL);
 }
 
-TEST(AppendErrorText, UsesTheSystemTextWhenThereIsOneAndTheBarePeriodOtherwise)
-{
-    // E_OUTOFMEMORY has a system text; a made-up facility code has none.
-    const std::wstring known = SystemText(E_OUTOFMEMORY);
-    ASSERT_FALSE(known.empty());
-    constexpr HRESULT kUnknown = static_cast<HRESULT>(0xA1B2C3D4);
-    ASSERT_TRUE(SystemText(kUnknown).empty());
-
-    ErrorText withText = AppendErrorText(L"Failed to retrieve property '%s' from the configuration.", E_OUTOFMEMORY);
-    EXPECT_EQ(withText.format, L"Failed to retrieve property '%s' from the configuration.  Error code 0x%08lx -- %s");
-    ASSERT_TRUE(withText.systemText);
-    EXPECT_EQ(std::wstring(withText.systemText.get()), known);
-
-    ErrorText withoutText = AppendErrorText(L"Failed.", kUnknown);
-    EXPECT_EQ(withoutText.format, L"Failed.  Error code 0x%08lx.");
-    EXPECT_FALSE(withoutText.systemText);
-}
-
 TEST(Logging, WritesOnlyEnabledLevelsWithCategoryAndExactText)
 {
-    auto* logger = new RecordingLogger(0x4);
-    Log(logger, LogLevel::Info, L"created metric '%s'.", L"a|b");
-    Log(logger, LogLevel::Error, L"dropped %d", 1);
-    Log(logger, LogLevel::Warning, L"dropped too");
+    const auto logger = test::Adopt(new RecordingLogger(0x4));
+    Log(logger.Get(), LogLevel::Info, L"created metric '%s'.", L"a|b");
+    Log(logger.Get(), LogLevel::Error, L"dropped %d", 1);
+    Log(logger.Get(), LogLevel::Warning, L"dropped too");
     logger->SetLevels(0x3);
-    Log(logger, LogLevel::Error, L"error %d", 2);
-    Log(logger, LogLevel::Warning, L"warning");
-    Log(logger, LogLevel::Info, L"dropped as well");
+    Log(logger.Get(), LogLevel::Error, L"error %d", 2);
+    Log(logger.Get(), LogLevel::Warning, L"warning");
+    Log(logger.Get(), LogLevel::Info, L"dropped as well");
     EXPECT_EQ(logger->Lines(), (std::vector<test::LogLine>{{LogLevel::Info, L"created metric 'a|b'."},
                                                           {LogLevel::Error, L"error 2"},
                                                           {LogLevel::Warning, L"warning"}}));
     EXPECT_EQ(logger->LevelQueries(), 6);
-    logger->Release();
 }
 
 TEST(Logging, FormatsNothingWhenTheLevelIsOffOrThereIsNoLogger)
 {
     // Formatting this argument would read an invalid address.
     const auto* poison = reinterpret_cast<const wchar_t*>(static_cast<uintptr_t>(0x10));
-    auto* logger = new RecordingLogger(0);
-    Log(logger, LogLevel::Info, L"%s", poison);
-    LogFailure(logger, E_FAIL, L"%s", poison);
+    const auto logger = test::Adopt(new RecordingLogger(0));
+    Log(logger.Get(), LogLevel::Info, L"%s", poison);
+    LogFailure(logger.Get(), E_FAIL, L"%s", poison);
     Log(nullptr, LogLevel::Error, L"%s", poison);
     LogFailure(nullptr, E_FAIL, L"%s", poison);
     EXPECT_TRUE(logger->Lines().empty());
     EXPECT_EQ(logger->LevelQueries(), 2);
-    logger->Release();
 }
 
-TEST(Logging, FailureLinesPutTheTemplateArgumentsFirstThenTheCodeThenTheSystemText)
+TEST(Logging, FailureLinesPutTheArgumentsFirstThenTheCodeThenAnySystemText)
 {
-    auto* logger = new RecordingLogger(0x1);
+    constexpr HRESULT kNoSystemText = static_cast<HRESULT>(0xA1B2C3D4);
+    ASSERT_TRUE(SystemText(kNoSystemText).empty());
+    ASSERT_FALSE(SystemText(E_OUTOFMEMORY).empty());
+    const auto logger = test::Adopt(new RecordingLogger(0x1));
     logger->SetResult(E_FAIL);  // the logger's own failures are ignored
-    LogFailure(logger, E_OUTOFMEMORY, L"Failed to retrieve property '%s' from the configuration.", L"query");
-    LogFailure(logger, static_cast<HRESULT>(0xA1B2C3D4), L"Failed to subscribe metric '%s'.", L"m");
-    const auto texts = logger->Texts();
-    ASSERT_EQ(texts.size(), 2u);
-    EXPECT_EQ(texts[0], L"Failed to retrieve property 'query' from the configuration.  Error code 0x8007000e -- " +
-                            SystemText(E_OUTOFMEMORY));
-    EXPECT_EQ(texts[1], L"Failed to subscribe metric 'm'.  Error code 0xa1b2c3d4.");
-    logger->Release();
+    LogFailure(logger.Get(), E_OUTOFMEMORY, L"Failed to retrieve property '%s' from the configuration.", L"query");
+    LogFailure(logger.Get(), kNoSystemText, L"Failed to subscribe metric '%s'.", L"m");
+    EXPECT_EQ(logger->Texts(),
+              (std::vector<std::wstring>{L"Failed to retrieve property 'query' from the configuration.  Error code "
+                                         L"0x8007000e -- " + SystemText(E_OUTOFMEMORY),
+                                         L"Failed to subscribe metric 'm'.  Error code 0xa1b2c3d4."}));
 }
 
 TEST(ComBarrier, TurnsExceptionsIntoTheirHResults)

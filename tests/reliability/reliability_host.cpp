@@ -2,18 +2,12 @@
 
 #include "com_object.h"
 #include "diagnostics.h"
+#include "eventlog_sim.h"
 #include "provider.h"
 
 #include <gtest/gtest.h>
 
 namespace zeph::test {
-
-Microsoft::WRL::ComPtr<IZephDataProvider> NewProvider()
-{
-    Microsoft::WRL::ComPtr<IZephDataProvider> provider;
-    EXPECT_EQ(ComObject<CProvider>::Create(IID_PPV_ARGS(&provider)), S_OK);
-    return provider;
-}
 
 namespace {
 
@@ -28,6 +22,21 @@ const std::wstring g_machineName = QueryMachineName();
 
 }  // namespace
 
+Microsoft::WRL::ComPtr<IZephDataProvider> NewProvider()
+{
+    Microsoft::WRL::ComPtr<IZephDataProvider> provider;
+    EXPECT_EQ(ComObject<CProvider>::Create(IID_PPV_ARGS(&provider)), S_OK);
+    return provider;
+}
+
+void AddChannels(std::initializer_list<const wchar_t*> channels)
+{
+    for (const wchar_t* channel : channels) {
+        const DWORD added = ::EvtSimAddChannel(channel);
+        EXPECT_TRUE(added == ERROR_SUCCESS || added == ERROR_ALREADY_EXISTS) << added;
+    }
+}
+
 const std::wstring& MachineName()
 {
     return g_machineName;
@@ -41,36 +50,30 @@ void MirrorComputerName(RedirectedMachineKey& registry)
     }
 }
 
-std::wstring ErrorSuffix(HRESULT code)
+std::wstring FailureLine(const std::wstring& text, HRESULT code)
 {
-    const ErrorText text = AppendErrorText(L"", code);
-    return text.systemText ? FormatString(text.format.c_str(), code, text.systemText.get())
-                           : FormatString(text.format.c_str(), code);
+    const ErrorText suffix = AppendErrorText(L"", code);
+    return text + (suffix.systemText ? FormatString(suffix.format.c_str(), code, suffix.systemText.get())
+                                     : FormatString(suffix.format.c_str(), code));
 }
 
 size_t CountLines(const RecordingLogger& logger, LogLevel level, const std::wstring& text)
 {
     size_t count = 0;
     for (const LogLine& line : logger.Lines()) {
-        if (line.level == level && line.text == text) {
-            ++count;
-        }
+        count += line.level == level && line.text == text ? 1 : 0;
     }
     return count;
 }
 
 bool WaitUntil(const std::function<bool()>& done, DWORD timeoutMs)
 {
-    const ULONGLONG deadline = ::GetTickCount64() + timeoutMs;
-    for (;;) {
-        if (done()) {
-            return true;
-        }
+    for (const ULONGLONG deadline = ::GetTickCount64() + timeoutMs; !done(); ::Sleep(1)) {
         if (::GetTickCount64() >= deadline) {
             return false;
         }
-        ::Sleep(1);
     }
+    return true;
 }
 
 ULONG ReferencesOf(IUnknown* object)
