@@ -5,8 +5,11 @@
 
 #include <windows.h>
 
+#include <gtest/gtest.h>
+
 #include <set>
 #include <string>
+#include <vector>
 
 namespace zeph::test {
 
@@ -14,8 +17,30 @@ namespace zeph::test {
 // Freed on destruction, so every test starts with fresh module state.
 class LoadedServer {
 public:
-    LoadedServer();
-    ~LoadedServer();
+    LoadedServer()
+    {
+        EXPECT_EQ(::GetModuleHandleW(kDllName), nullptr) << "an earlier test left the DLL loaded";
+        module_ = ::LoadLibraryW((BinFolder() + kDllName).c_str());
+        EXPECT_NE(module_, nullptr) << "LoadLibrary failed: " << ::GetLastError();
+        if (module_ != nullptr) {
+            path_.resize(MAX_PATH);
+            path_.resize(::GetModuleFileNameW(module_, path_.data(), static_cast<DWORD>(path_.size())));
+            loaded_ = true;
+            for (const char* name :
+                 {"DllCanUnloadNow", "DllGetClassObject", "DllInstall", "DllRegisterServer", "DllUnregisterServer"}) {
+                const bool found = ::GetProcAddress(module_, name) != nullptr;
+                EXPECT_TRUE(found) << name << " is not exported";
+                loaded_ = loaded_ && found;
+            }
+        }
+    }
+    ~LoadedServer()
+    {
+        if (module_ != nullptr) {
+            ::FreeLibrary(module_);
+            EXPECT_EQ(::GetModuleHandleW(kDllName), nullptr) << "something still holds the DLL";
+        }
+    }
     LoadedServer(const LoadedServer&) = delete;
     LoadedServer& operator=(const LoadedServer&) = delete;
 
@@ -35,9 +60,16 @@ public:
     HRESULT Register() const { return Export<HRESULT(STDAPICALLTYPE*)()>("DllRegisterServer")(); }
     HRESULT Unregister() const { return Export<HRESULT(STDAPICALLTYPE*)()>("DllUnregisterServer")(); }
 
-    static std::wstring BinFolder();  // with a trailing '\'
+    static std::wstring BinFolder()  // with a trailing '\'
+    {
+        std::wstring path(MAX_PATH, L'\0');
+        path.resize(::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+        return path.substr(0, path.find_last_of(L"\\/") + 1);
+    }
 
 private:
+    static constexpr wchar_t kDllName[] = L"zeph_eventlog.dll";
+
     template <typename F>
     F Export(const char* name) const
     {
@@ -49,14 +81,40 @@ private:
     std::wstring path_;
 };
 
-bool RunningOnWine();
+inline bool RunningOnWine()
+{
+    return ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+}
+
+inline unique_hkey CreateKey(HKEY root, const std::wstring& path, DWORD options = REG_OPTION_NON_VOLATILE)
+{
+    unique_hkey key;
+    EXPECT_EQ(::RegCreateKeyExW(root, path.c_str(), 0, nullptr, options, KEY_ALL_ACCESS, nullptr, key.put(), nullptr),
+              ERROR_SUCCESS);
+    return key;
+}
 
 // HKEY_CLASSES_ROOT and HKEY_CURRENT_USER of this process redirected to fresh
 // scratch keys below the real HKEY_CURRENT_USER; put back and deleted after.
 class ScratchRegistry {
 public:
-    explicit ScratchRegistry(const std::wstring& name);
-    ~ScratchRegistry();
+    explicit ScratchRegistry(const std::wstring& name) : path_(L"Software\\ZephTest\\" + name)
+    {
+        ::RegDeleteTreeW(HKEY_CURRENT_USER, path_.c_str());  // leftovers of an aborted run
+        classesRoot_ = CreateKey(HKEY_CURRENT_USER, path_ + L"\\ClassesRoot");
+        currentUser_ = CreateKey(HKEY_CURRENT_USER, path_ + L"\\CurrentUser");
+        EXPECT_EQ(::RegOverridePredefKey(HKEY_CLASSES_ROOT, classesRoot_.get()), ERROR_SUCCESS);
+        EXPECT_EQ(::RegOverridePredefKey(HKEY_CURRENT_USER, currentUser_.get()), ERROR_SUCCESS);
+    }
+    ~ScratchRegistry()
+    {
+        ::RegOverridePredefKey(HKEY_CURRENT_USER, nullptr);
+        ::RegOverridePredefKey(HKEY_CLASSES_ROOT, nullptr);
+        classesRoot_.reset();
+        currentUser_.reset();
+        EXPECT_EQ(::RegDeleteTreeW(HKEY_CURRENT_USER, path_.c_str()), ERROR_SUCCESS);
+        ::RegDeleteKeyW(HKEY_CURRENT_USER, path_.c_str());
+    }
     ScratchRegistry(const ScratchRegistry&) = delete;
     ScratchRegistry& operator=(const ScratchRegistry&) = delete;
 
@@ -69,14 +127,67 @@ private:
     unique_hkey currentUser_;
 };
 
+inline void CollectTree(HKEY key, const std::wstring& prefix, std::set<std::wstring>& lines)
+{
+    std::vector<wchar_t> name(16384);
+    std::vector<BYTE> data(65536);
+    for (DWORD i = 0;; ++i) {
+        DWORD nameLength = static_cast<DWORD>(name.size()), dataLength = static_cast<DWORD>(data.size()), type = 0;
+        if (::RegEnumValueW(key, i, name.data(), &nameLength, nullptr, &type, data.data(), &dataLength) !=
+            ERROR_SUCCESS) {
+            break;
+        }
+        std::wstring line = prefix + L" [" + (nameLength == 0 ? L"@" : std::wstring(name.data(), nameLength)) + L"]";
+        if (type == REG_SZ) {
+            const std::wstring text(reinterpret_cast<const wchar_t*>(data.data()), dataLength / sizeof(wchar_t));
+            line += L" = " + text.substr(0, text.find(L'\0'));
+        } else {
+            line += L" <type " + std::to_wstring(type) + L">";
+        }
+        lines.insert(line);
+    }
+    for (DWORD i = 0;; ++i) {
+        DWORD nameLength = static_cast<DWORD>(name.size());
+        if (::RegEnumKeyExW(key, i, name.data(), &nameLength, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
+            break;
+        }
+        const std::wstring child(name.data(), nameLength);
+        const std::wstring childPath = prefix.empty() ? child : prefix + L"\\" + child;
+        lines.insert(childPath);
+        unique_hkey sub;
+        if (::RegOpenKeyExW(key, child.c_str(), 0, KEY_READ, sub.put()) == ERROR_SUCCESS) {
+            CollectTree(sub.get(), childPath, lines);
+        }
+    }
+}
+
 // Every key and value below root\path, one line each: "Key\\Sub" for a key,
 // "Key\\Sub [name] = text" for a string value ("@": the default value).
 // With keys given, only lines below those top-level keys.
-std::set<std::wstring> RegistryTree(HKEY root, const std::wstring& path = L"",
-                                    const std::set<std::wstring>& keys = {});
+inline std::set<std::wstring> RegistryTree(HKEY root, const std::wstring& path = L"",
+                                           const std::set<std::wstring>& keys = {})
+{
+    std::set<std::wstring> lines;
+    unique_hkey key;
+    if (::RegOpenKeyExW(root, path.empty() ? nullptr : path.c_str(), 0, KEY_READ, key.put()) == ERROR_SUCCESS) {
+        CollectTree(key.get(), L"", lines);
+    }
+    std::erase_if(lines, [&](const std::wstring& line) {
+        return !keys.empty() && keys.count(line.substr(0, line.find_first_of(L"\\ "))) == 0;
+    });
+    return lines;
+}
 
 // Creates root\path and, when name is given, sets a string value on it.
-void WriteKey(HKEY root, const std::wstring& path, const wchar_t* name = nullptr, const std::wstring& value = L"",
-              DWORD options = REG_OPTION_NON_VOLATILE);
+inline void WriteKey(HKEY root, const std::wstring& path, const wchar_t* name = nullptr,
+                     const std::wstring& value = L"", DWORD options = REG_OPTION_NON_VOLATILE)
+{
+    const unique_hkey key = CreateKey(root, path, options);
+    if (key && name != nullptr) {
+        EXPECT_EQ(::RegSetValueExW(key.get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                                   static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t))),
+                  ERROR_SUCCESS);
+    }
+}
 
 }  // namespace zeph::test
