@@ -3,8 +3,7 @@
 // as little as an interface call allows, so what is measured is the caller.
 #pragma once
 
-#include <windows.h>
-#include <unknwn.h>
+#include "ref_counted_object.h"
 
 #include <agent.h>
 
@@ -13,54 +12,11 @@
 
 namespace zeph::bench {
 
-// Reference counting and QueryInterface for one interface; IDispatch stubs.
 template <typename Interface>
-class HostObject : public Interface {
-public:
-    virtual ~HostObject() = default;
-
-    STDMETHODIMP QueryInterface(REFIID riid, void** object) override
-    {
-        if (object == nullptr) {
-            return E_POINTER;
-        }
-        if (riid == IID_IUnknown || riid == __uuidof(Interface)) {
-            *object = static_cast<Interface*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = nullptr;
-        return E_NOINTERFACE;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-    STDMETHODIMP_(ULONG) Release() override
-    {
-        const ULONG remaining = --references_;
-        if (remaining == 0) {
-            delete this;
-        }
-        return remaining;
-    }
-
-private:
-    std::atomic<ULONG> references_{1};
-};
+using HostObject = RefCountedObject<Interface>;
 
 template <typename Interface>
-class HostDispatchObject : public HostObject<Interface> {
-public:
-    STDMETHODIMP GetTypeInfoCount(UINT* count) override
-    {
-        *count = 0;
-        return S_OK;
-    }
-    STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-    STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
-    STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override
-    {
-        return E_NOTIMPL;
-    }
-};
+using HostDispatchObject = NoLateBinding<RefCountedObject<Interface, IDispatch>>;
 
 // Answers GetCategoryLevels with fixed levels and drops every line (but counts it).
 class DiscardingLogger final : public HostDispatchObject<IProviderLogger> {
