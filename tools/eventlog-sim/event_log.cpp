@@ -1,6 +1,7 @@
 #include "event_log.h"
 
 #include "counters.h"
+#include "message_templates.h"
 #include "names.h"
 
 #include <algorithm>
@@ -23,20 +24,13 @@ void Channel::Detach(const Subscription* subscription) {
     }
 }
 
-void Channel::Publish(const EVT_SIM_EVENT& event, const std::wstring& publisherKey) {
-    std::shared_ptr<EventRecord> record;  // built only if some subscription wants the event
+void Channel::Publish(const std::wstring& publisherKey, USHORT eventId,
+                      const std::function<std::shared_ptr<EventRecord>()>& makeRecord) {
+    std::shared_ptr<EventRecord> record;
     std::lock_guard lock(mutex_);
     for (const auto& subscription : subscriptions_) {
-        if (!subscription->Filter().Matches(publisherKey, event.eventId)) continue;
-        if (!record) {
-            record = std::make_shared<EventRecord>();
-            record->publisher = event.publisher;
-            record->publisherKey = publisherKey;
-            record->eventId = event.eventId;
-            record->timeCreated = event.timeCreated;
-            record->message = event.message;
-            record->flags = event.flags;
-        }
+        if (!subscription->Filter().Matches(publisherKey, eventId)) continue;
+        if (!record) record = makeRecord();
         subscription->Enqueue({record, 0});
     }
 }
@@ -74,15 +68,56 @@ std::shared_ptr<Channel> EventLog::FindChannel(std::wstring_view name) const {
     return it == channels_.end() ? nullptr : it->second;
 }
 
+std::shared_ptr<Channel> EventLog::Prepare(LPCWSTR channelName, const std::wstring& publisherKey) {
+    std::shared_ptr<Channel> channel = FindChannel(channelName);
+    if (channel) RememberPublisher(publisherKey);
+    return channel;
+}
+
 DWORD EventLog::Write(const EVT_SIM_EVENT& event) {
     if (event.channel == nullptr || event.publisher == nullptr || event.message == nullptr) {
         return ERROR_INVALID_PARAMETER;
     }
-    std::shared_ptr<Channel> channel = FindChannel(event.channel);
-    if (!channel) return ERROR_EVT_CHANNEL_NOT_FOUND;
     const std::wstring publisherKey = FoldCase(event.publisher);
-    RememberPublisher(publisherKey);
-    channel->Publish(event, publisherKey);
+    std::shared_ptr<Channel> channel = Prepare(event.channel, publisherKey);
+    if (!channel) return ERROR_EVT_CHANNEL_NOT_FOUND;
+    channel->Publish(publisherKey, event.eventId, [&] {
+        auto record = std::make_shared<EventRecord>();
+        record->channel = event.channel;
+        record->publisher = event.publisher;
+        record->publisherKey = publisherKey;
+        record->eventId = event.eventId;
+        record->timeCreated = event.timeCreated;
+        record->renderedMessage = event.message;  // the text stands as the event's own message
+        record->flags = event.flags;
+        return record;
+    });
+    ++GlobalCounters().eventsWritten;
+    return ERROR_SUCCESS;
+}
+
+DWORD EventLog::Write(const EVT_SIM_EVENT_DATA& event) {
+    if (event.channel == nullptr || event.publisher == nullptr || (event.insertionCount != 0 && event.insertions == nullptr)) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    for (DWORD i = 0; i < event.insertionCount; ++i) {
+        if (event.insertions[i] == nullptr) return ERROR_INVALID_PARAMETER;
+    }
+    const std::wstring publisherKey = FoldCase(event.publisher);
+    std::shared_ptr<Channel> channel = Prepare(event.channel, publisherKey);
+    if (!channel) return ERROR_EVT_CHANNEL_NOT_FOUND;
+    channel->Publish(publisherKey, event.eventId, [&] {
+        auto record = std::make_shared<EventRecord>();
+        record->channel = event.channel;
+        record->publisher = event.publisher;
+        record->publisherKey = publisherKey;
+        record->eventId = event.eventId;
+        record->timeCreated = event.timeCreated;
+        record->insertions.assign(event.insertions, event.insertions + event.insertionCount);
+        if (event.renderedMessage != nullptr) record->renderedMessage = event.renderedMessage;
+        record->flags = event.flags;
+        return record;
+    });
     ++GlobalCounters().eventsWritten;
     return ERROR_SUCCESS;
 }
@@ -95,8 +130,11 @@ DWORD EventLog::DeliverError(std::wstring_view channelName, DWORD errorCode) {
 }
 
 bool EventLog::KnowsPublisher(const std::wstring& publisherKey) const {
-    std::shared_lock lock(publishersMutex_);
-    return publishers_.count(publisherKey) != 0;
+    {
+        std::shared_lock lock(publishersMutex_);
+        if (publishers_.count(publisherKey) != 0) return true;
+    }
+    return Templates().KnowsPublisher(publisherKey);  // registered with its message table
 }
 
 void EventLog::RememberPublisher(const std::wstring& publisherKey) {

@@ -25,9 +25,23 @@ typedef struct EVT_SIM_EVENT {
     LPCWSTR publisher;     // provider name; also becomes known to EvtOpenPublisherMetadata
     USHORT eventId;
     ULONGLONG timeCreated; // FILETIME as a 64-bit count of 100 ns units since 1601-01-01 UTC
-    LPCWSTR message;       // the text EvtFormatMessage returns (may be empty, never NULL)
+    LPCWSTR message;       // the event's own message, returned by EvtFormatMessage with its
+                           // publisher's metadata or none (may be empty, never NULL)
     DWORD flags;           // EVT_SIM_* flags
 } EVT_SIM_EVENT;
+
+// An event as Windows stores it: its data (insertion strings, %1 to %n of the publisher's
+// message template) and, for an event recorded elsewhere, the message rendered there.
+typedef struct EVT_SIM_EVENT_DATA {
+    LPCWSTR channel;
+    LPCWSTR publisher;
+    USHORT eventId;
+    ULONGLONG timeCreated;
+    DWORD insertionCount;
+    const LPCWSTR* insertions;  // insertionCount strings, each may be empty, never NULL
+    LPCWSTR renderedMessage;    // RenderingInfo/Message, or NULL: the publisher's template formats it
+    DWORD flags;                // EVT_SIM_* flags
+} EVT_SIM_EVENT_DATA;
 
 // Handle kinds counted by the simulator.
 enum EVT_SIM_HANDLE_KIND {
@@ -56,6 +70,16 @@ DWORD WINAPI EvtSimAddChannel(LPCWSTR channel);
 // delivery on its own thread, in write order. Returns ERROR_SUCCESS, 15007
 // (ERROR_EVT_CHANNEL_NOT_FOUND) or ERROR_INVALID_PARAMETER.
 DWORD WINAPI EvtSimWriteEvent(const EVT_SIM_EVENT* event);
+
+// Writes an event given by its data. EvtFormatMessage uses its rendered message if it has
+// one, else the template set for its publisher and id (EvtSimSetMessageTemplate; "Application
+// Error" 1000 is built in), else fails with 15027. Returns as EvtSimWriteEvent.
+DWORD WINAPI EvtSimWriteEventData(const EVT_SIM_EVENT_DATA* event);
+
+// Sets the message template of a publisher's event id (%1 to %99 insertions, %% for %);
+// the publisher becomes known to EvtOpenPublisherMetadata. Returns ERROR_SUCCESS or
+// ERROR_INVALID_PARAMETER.
+DWORD WINAPI EvtSimSetMessageTemplate(LPCWSTR publisher, USHORT eventId, LPCWSTR messageTemplate);
 
 // Queues a delivery with EvtSubscribeActionError and the given Win32 code as the event
 // argument to every open subscription of the channel. Returns as EvtSimWriteEvent.

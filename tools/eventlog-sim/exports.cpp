@@ -5,6 +5,7 @@
 #include "counters.h"
 #include "event_log.h"
 #include "handle_table.h"
+#include "message_templates.h"
 #include "names.h"
 #include "pending_deliveries.h"
 #include "query_filter.h"
@@ -149,7 +150,7 @@ EVT_HANDLE WINAPI EvtOpenPublisherMetadata(EVT_HANDLE Session, LPCWSTR Publisher
 BOOL WINAPI EvtFormatMessage(EVT_HANDLE PublisherMetadata, EVT_HANDLE Event, DWORD MessageId, DWORD ValueCount,
                              PEVT_VARIANT Values, DWORD Flags, DWORD BufferSize, LPWSTR Buffer, PDWORD BufferUsed) {
     (void)MessageId;   // only read by EvtFormatMessageId
-    (void)ValueCount;  // messages carry no insertion strings here
+    (void)ValueCount;  // overriding the event's own insertion strings is not offered
     (void)Values;
     return Api<BOOL>(FALSE, [&] {
         if (Flags != EvtFormatMessageEvent) return Refused(ERROR_NOT_SUPPORTED);
@@ -189,6 +190,18 @@ DWORD WINAPI EvtSimAddChannel(LPCWSTR channel) {
 
 DWORD WINAPI EvtSimWriteEvent(const EVT_SIM_EVENT* event) {
     return Status([&] { return event ? Log().Write(*event) : DWORD{ERROR_INVALID_PARAMETER}; });
+}
+
+DWORD WINAPI EvtSimWriteEventData(const EVT_SIM_EVENT_DATA* event) {
+    return Status([&] { return event ? Log().Write(*event) : DWORD{ERROR_INVALID_PARAMETER}; });
+}
+
+DWORD WINAPI EvtSimSetMessageTemplate(LPCWSTR publisher, USHORT eventId, LPCWSTR messageTemplate) {
+    return Status([&] {
+        if (publisher == nullptr || *publisher == L'\0' || messageTemplate == nullptr) return DWORD{ERROR_INVALID_PARAMETER};
+        Templates().Set(FoldCase(publisher), eventId, messageTemplate);
+        return DWORD{ERROR_SUCCESS};
+    });
 }
 
 DWORD WINAPI EvtSimDeliverError(LPCWSTR channel, DWORD errorCode) {

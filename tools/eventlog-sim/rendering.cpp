@@ -1,8 +1,10 @@
 #include "rendering.h"
 
 #include "eventlog_sim.h"
+#include "message_templates.h"
 
 #include <cstring>
+#include <string>
 #include <string_view>
 
 namespace evtsim {
@@ -16,6 +18,10 @@ RenderContext RenderContext::FromPaths(DWORD count, LPCWSTR* paths) {
             context.fields.push_back(Field::EventId);
         } else if (path == L"Event/System/TimeCreated/@SystemTime") {
             context.fields.push_back(Field::TimeCreated);
+        } else if (path == L"Event/System/Provider/@Name") {
+            context.fields.push_back(Field::Provider);
+        } else if (path == L"Event/System/Channel") {
+            context.fields.push_back(Field::Channel);
         } else {
             // A path that selects nothing renders as a null value, not an error.
             context.fields.push_back(Field::Unsupported);
@@ -24,14 +30,31 @@ RenderContext RenderContext::FromPaths(DWORD count, LPCWSTR* paths) {
     return context;
 }
 
+namespace {
+
+const std::wstring* StringField(RenderContext::Field field, const EventRecord& event) {
+    switch (field) {
+    case RenderContext::Field::Provider: return &event.publisher;
+    case RenderContext::Field::Channel: return &event.channel;
+    default: return nullptr;
+    }
+}
+
+}  // namespace
+
 DWORD RenderValues(const RenderContext& context, const EventRecord& event, DWORD bufferSize, void* buffer,
                    DWORD* bufferUsed, DWORD* propertyCount) {
     const DWORD count = static_cast<DWORD>(context.fields.size());
-    const DWORD needed = count * static_cast<DWORD>(sizeof(EVT_VARIANT));
-    *bufferUsed = needed;
+    // The strings follow the array, in the same buffer: the size asked for counts them, in bytes.
+    size_t needed = count * sizeof(EVT_VARIANT);
+    for (RenderContext::Field field : context.fields) {
+        if (const std::wstring* text = StringField(field, event)) needed += (text->size() + 1) * sizeof(wchar_t);
+    }
+    *bufferUsed = static_cast<DWORD>(needed);
     *propertyCount = count;
     if (buffer == nullptr || bufferSize < needed) return ERROR_INSUFFICIENT_BUFFER;
 
+    BYTE* strings = static_cast<BYTE*>(buffer) + count * sizeof(EVT_VARIANT);
     for (DWORD i = 0; i < count; ++i) {
         EVT_VARIANT value;
         std::memset(&value, 0, sizeof value);
@@ -49,6 +72,16 @@ DWORD RenderValues(const RenderContext& context, const EventRecord& event, DWORD
                 value.FileTimeVal = event.timeCreated;
             }
             break;
+        case RenderContext::Field::Provider:
+        case RenderContext::Field::Channel: {
+            const std::wstring& text = *StringField(context.fields[i], event);
+            const size_t bytes = (text.size() + 1) * sizeof(wchar_t);
+            std::memcpy(strings, text.c_str(), bytes);
+            value.Type = EvtVarTypeString;
+            value.StringVal = reinterpret_cast<LPCWSTR>(strings);
+            strings += bytes;
+            break;
+        }
         case RenderContext::Field::Unsupported:
             break;
         }
@@ -64,12 +97,24 @@ DWORD FormatEventMessage(const PublisherMetadata* metadata, const EventRecord& e
     // Another publisher's metadata holds no message for this event.
     if (metadata != nullptr && metadata->publisherKey != event.publisherKey) return ERROR_EVT_MESSAGE_NOT_FOUND;
 
-    const size_t needed = event.message.size() + 1;
+    std::wstring message;
+    DWORD result = ERROR_SUCCESS;
+    if (event.renderedMessage) {
+        message = *event.renderedMessage;
+    } else if (metadata == nullptr) {
+        return ERROR_EVT_MESSAGE_NOT_FOUND;  // without a formatting context only a rendered message will do
+    } else if (auto text = Templates().Find(event.publisherKey, event.eventId)) {
+        result = ExpandTemplate(*text, event.insertions, &message);
+    } else {
+        return ERROR_EVT_MESSAGE_NOT_FOUND;
+    }
+
+    const size_t needed = message.size() + 1;
     if (needed > MAXDWORD) return ERROR_EVT_MESSAGE_NOT_FOUND;
     *bufferUsed = static_cast<DWORD>(needed);
     if (buffer == nullptr || bufferSize < needed) return ERROR_INSUFFICIENT_BUFFER;
-    std::memcpy(buffer, event.message.c_str(), needed * sizeof(wchar_t));
-    return ERROR_SUCCESS;
+    std::memcpy(buffer, message.c_str(), needed * sizeof(wchar_t));
+    return result;
 }
 
 }  // namespace evtsim
