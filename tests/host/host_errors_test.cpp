@@ -157,7 +157,7 @@ TEST_F(HostErrors, ScenarioMissingMalformedOrWithoutTheSimulator)
     const std::pair<const char*, std::wstring> bad[] = {
         {"<steps><query/></steps>", L" must have the root element <scenario>, not <steps>"},
         {"<scenario><query/><wait ms='5'/></scenario>",
-         L", step 2 <wait>: unknown step (expected event, append, pause or query)"},
+         L", step 2 <wait>: unknown step (expected event, append, pause, query, Event or replay)"},
         {"<scenario><event channel='Application' publisher='p'>text</event></scenario>",
          L", step 1 <event>: attribute id is missing"},
         {"<scenario><event channel='Application' publisher='p' id='70000'>x</event></scenario>",

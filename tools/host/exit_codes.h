@@ -16,7 +16,7 @@ enum class ExitCode : int {
     DllNotLoaded = 5,         // the provider DLL cannot be loaded or is no COM server
     ClassNotRegistered = 6,   // the ProgID or class is not registered, or the DLL lacks the class
     SubscribeFailed = 7,      // SubscribeMetric failed for a metric
-    ScenarioInvalid = 8,      // the scenario file cannot be read or is malformed
+    ScenarioInvalid = 8,      // the scenario or an event file cannot be read or is malformed
     ScenarioFailed = 9,       // no simulated event log, or a scenario step failed
 };
 

@@ -4,6 +4,7 @@
 #include "console.h"
 #include "host_objects.h"
 #include "provider_loader.h"
+#include "replay.h"
 #include "scenario.h"
 #include "scenario_player.h"
 #include "simulator_controls.h"
@@ -155,6 +156,12 @@ ExitCode RunHost(const Options& options, HANDLE stopEvent)
     if (!options.scenario.empty()) {
         scenario = LoadScenario(options.scenario);
     }
+    if (!options.replay.empty()) {
+        if (!scenario) {
+            scenario.emplace();
+        }
+        scenario->steps.emplace_back(ReplayStep{options.replay});
+    }
 
     // Declared in this order so they go in reverse: subscriptions, provider, then our objects.
     ComPtr<ConsoleLogger> logger = Adopt(new ConsoleLogger(options.logLevels));
@@ -177,6 +184,7 @@ ExitCode RunHost(const Options& options, HANDLE stopEvent)
 
     bool stopped = false;
     bool queryFailed = false;
+    std::optional<HostError> malformed;  // an event file's fault, reported after the final query
     {
         Subscriptions subscriptions(provider->Get());
         for (const MetricConfig& metric : configuration.metrics) {
@@ -185,10 +193,21 @@ ExitCode RunHost(const Options& options, HANDLE stopEvent)
         Querier querier(provider->Get(), sink.Get(), DistinctNames(configuration), options.json);
 
         if (scenario) {
-            ScenarioPlayer player(*simulator, stopEvent, [&] { querier.QueryAll(); });
-            stopped = !player.Play(*scenario);
+            ScenarioPlayer player(*simulator, stopEvent, [&] { querier.QueryAll(); },
+                                  SubscribedChannels(configuration));
+            try {
+                stopped = !player.Play(*scenario);
+            } catch (const HostError& error) {
+                if (error.Code() != ExitCode::ScenarioInvalid) {
+                    throw;
+                }
+                malformed = error;
+            }
         }
-        if (!stopped && options.once) {
+        if (malformed) {
+            // What was replayed before the fault is still reported.
+            querier.QueryAll();
+        } else if (!stopped && options.once) {
             if (simulator && !simulator->WaitForDeliveries(kDeliveryWaitMs)) {
                 WriteErr(L"zeph-host: the simulated event log's deliveries did not finish; querying anyway\n");
             }
@@ -211,6 +230,9 @@ ExitCode RunHost(const Options& options, HANDLE stopEvent)
     if (const long kept = LiveHostObjects(); kept != 0) {
         WriteErr(L"zeph-host: warning: the released provider still holds " + std::to_wstring(kept) +
                  L" of the host's objects\n");
+    }
+    if (malformed) {
+        throw *malformed;
     }
     return queryFailed ? ExitCode::RunFailed : ExitCode::Ok;
 }

@@ -127,6 +127,8 @@ Options ParseOptions(const std::vector<std::wstring>& arguments)
             options.json = true;
         } else if (name == L"--scenario") {
             options.scenario = value();
+        } else if (name == L"--replay") {
+            options.replay = value();
         } else if (name == L"--register-tlb") {
             options.registerTypeLib = value();
         } else if (name == L"--unregister-tlb") {
@@ -151,7 +153,8 @@ Options ParseOptions(const std::vector<std::wstring>& arguments)
         UsageError(L"--dll and --progid exclude each other");
     }
     if ((dllGiven && options.dll.empty()) || (progIdGiven && options.progId.empty()) ||
-        (!options.scenario.empty() && options.scenario.find_first_not_of(L' ') == std::wstring::npos)) {
+        (!options.scenario.empty() && options.scenario.find_first_not_of(L' ') == std::wstring::npos) ||
+        (!options.replay.empty() && options.replay.find_first_not_of(L' ') == std::wstring::npos)) {
         UsageError(L"an option was given an empty value");
     }
     if (options.config.empty()) {
@@ -166,7 +169,7 @@ const wchar_t* HelpText()
 
 Usage:
   zeph-host --config FILE [--dll PATH | --progid PROGID] [--once | --interval SECONDS]
-            [--json] [--log LEVELS] [--scenario FILE]
+            [--json] [--log LEVELS] [--scenario FILE] [--replay FILE]
   zeph-host --register-tlb FILE | --unregister-tlb FILE
   zeph-host --help
 
@@ -183,6 +186,8 @@ Options:
                          of error, warning, info; or all, none (default error,warning).
   --scenario FILE        replay a scenario against the simulated event log before querying
                          (needs the simulator's wevtapi.dll; see README.md).
+  --replay FILE          replay Windows events exported as XML (Event Viewer, wevtutil qe /f:xml,
+                         evtxexport -f xml) against the simulated event log, after the scenario.
   --register-tlb FILE    register a type library file (the agent's Agent.tlb) and exit.
   --unregister-tlb FILE  unregister it and exit.
   -h, --help             this text.
@@ -204,7 +209,7 @@ Exit codes:
   5  provider DLL cannot be loaded, or is no COM server
   6  provider class not registered, or not offered by the DLL
   7  a metric subscription failed
-  8  scenario file missing, unreadable or malformed
+  8  scenario or event file missing, unreadable or malformed
   9  scenario replay impossible (not the simulated event log) or a scenario step failed
 )";
 }

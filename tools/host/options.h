@@ -27,6 +27,7 @@ struct Options {
     bool once = false;
     bool json = false;
     std::wstring scenario;          // --scenario
+    std::wstring replay;            // --replay: a file of Windows event XML
     std::wstring registerTypeLib;   // --register-tlb: register this file and exit
     std::wstring unregisterTypeLib; // --unregister-tlb
 };

@@ -137,6 +137,23 @@ AppendStep ReadAppend(const StepReader& reader)
     return step;
 }
 
+EventXmlStep ReadEventXml(const StepReader& reader, IXMLDOMElement* element)
+{
+    try {
+        return EventXmlStep{ReadEventElement(element)};
+    } catch (const EventXmlError& error) {
+        reader.Fail(error.What());
+    }
+}
+
+// A relative path names a file beside the scenario.
+std::wstring BesideScenario(const std::wstring& scenarioPath, const std::wstring& file)
+{
+    const bool absolute = (file.size() > 2 && file[1] == L':') || file.starts_with(L"\\") || file.starts_with(L"/");
+    const size_t slash = scenarioPath.find_last_of(L"\\/");
+    return absolute || slash == std::wstring::npos ? file : scenarioPath.substr(0, slash + 1) + file;
+}
+
 }  // namespace
 
 std::vector<std::wstring> Scenario::Channels() const
@@ -261,8 +278,13 @@ Scenario LoadScenario(const std::wstring& path)
         } else if (tag == L"query") {
             reader.NoText();
             scenario.steps.emplace_back(QueryStep{});
+        } else if (tag == L"Event") {
+            scenario.steps.emplace_back(ReadEventXml(reader, element.Get()));
+        } else if (tag == L"replay") {
+            reader.NoText();
+            scenario.steps.emplace_back(ReplayStep{BesideScenario(path, reader.Required(L"file"))});
         } else {
-            reader.Fail(L"unknown step (expected event, append, pause or query)");
+            reader.Fail(L"unknown step (expected event, append, pause, query, Event or replay)");
         }
     }
     return scenario;

@@ -6,13 +6,21 @@
 //     <append file="C:\...\drovesvc.log" encoding="utf-16le">log lines</append>
 //     <pause ms="500"/>
 //     <query/>
+//     <Event xmlns="http://schemas.microsoft.com/win/2004/08/events/event">...</Event>
+//     <replay file="Application.xml"/>
 //   </scenario>
+//
+// <Event> is a Windows event in the event schema (see event_xml.h), written with its
+// insertion strings exactly as they stand; <replay> writes every event of a file of them
+// (a relative path is taken from the scenario's folder).
 //
 // Text blocks (event messages, appended lines) are written as indented lines:
 // the line break after the opening tag and the indentation before the closing
 // tag go, the indentation common to all lines goes, trailing blanks go. A
 // message joins its lines with CR LF; appended text ends every line with CR LF.
 #pragma once
+
+#include "event_xml.h"
 
 #include <windows.h>
 
@@ -45,7 +53,15 @@ struct PauseStep {
 
 struct QueryStep {};
 
-using ScenarioStep = std::variant<EventStep, AppendStep, PauseStep, QueryStep>;
+struct EventXmlStep {
+    EventXml event;
+};
+
+struct ReplayStep {
+    std::wstring file;
+};
+
+using ScenarioStep = std::variant<EventStep, AppendStep, PauseStep, QueryStep, EventXmlStep, ReplayStep>;
 
 struct Scenario {
     std::vector<ScenarioStep> steps;

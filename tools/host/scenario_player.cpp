@@ -65,6 +65,12 @@ bool ScenarioPlayer::Play(const Scenario& scenario)
             Write(number, *event);
         } else if (const auto* append = std::get_if<AppendStep>(&step)) {
             Append(number, *append);
+        } else if (const auto* xml = std::get_if<EventXmlStep>(&step)) {
+            WriteXml(number, xml->event);
+        } else if (const auto* replay = std::get_if<ReplayStep>(&step)) {
+            if (!Replay(number, *replay)) {
+                return false;
+            }
         } else if (const auto* pause = std::get_if<PauseStep>(&step)) {
             Announce(number, L"pause " + std::to_wstring(pause->milliseconds) + L" ms");
             if (::WaitForSingleObject(stopEvent_, pause->milliseconds) == WAIT_OBJECT_0) {
@@ -90,6 +96,43 @@ void ScenarioPlayer::Write(size_t number, const EventStep& step)
         StepFailed(number, L"the simulated event log refused the event: " + DescribeError(result));
     }
     WaitForDeliveries(number);
+}
+
+void ScenarioPlayer::WriteXml(size_t number, const EventXml& event)
+{
+    const std::wstring what = L"event " + std::to_wstring(event.id) + L" from '" + event.publisher + L"' in " +
+                              event.channel;
+    if (!replayer_.Write(event)) {
+        Announce(number, what + L": skipped, no metric subscribes to the channel");
+        return;
+    }
+    Announce(number, what + L" (" + std::to_wstring(event.insertions.size()) + L" insertion strings)");
+    WaitForDeliveries(number);
+}
+
+bool ScenarioPlayer::Replay(size_t number, const ReplayStep& step)
+{
+    Announce(number, L"replay " + step.file);
+    const EventFile file = LoadEventFile(step.file);
+    size_t written = 0;
+    size_t skipped = 0;
+    bool stopped = false;
+    for (const EventXml& event : file.events) {
+        if (::WaitForSingleObject(stopEvent_, 0) == WAIT_OBJECT_0) {
+            stopped = true;
+            break;
+        }
+        ++(replayer_.Write(event) ? written : skipped);
+    }
+    WaitForDeliveries(number);
+    Announce(number, std::to_wstring(written + skipped) + L" event(s) read, " + std::to_wstring(written) +
+                         L" written, " + std::to_wstring(skipped) + L" skipped (no metric subscribes to their channel)");
+    if (file.fault && !stopped) {
+        throw HostError(ExitCode::ScenarioInvalid, L"the event file '" + step.file + L"' is malformed: " + *file.fault +
+                                                       L"; the " + std::to_wstring(file.events.size()) +
+                                                       L" event(s) before it were replayed");
+    }
+    return !stopped;
 }
 
 void ScenarioPlayer::Append(size_t number, const AppendStep& step)

@@ -36,8 +36,9 @@ SimulatorControls::SimulatorControls()
     const auto isSimulator = Lookup<decltype(&EvtSimIsSimulator)>(module_, "EvtSimIsSimulator");
     addChannel_ = Lookup<decltype(&EvtSimAddChannel)>(module_, "EvtSimAddChannel");
     writeEvent_ = Lookup<decltype(&EvtSimWriteEvent)>(module_, "EvtSimWriteEvent");
+    writeEventData_ = Lookup<decltype(&EvtSimWriteEventData)>(module_, "EvtSimWriteEventData");
     waitForDeliveries_ = Lookup<decltype(&EvtSimWaitForDeliveries)>(module_, "EvtSimWaitForDeliveries");
-    if (isSimulator == nullptr || !isSimulator() || addChannel_ == nullptr || writeEvent_ == nullptr ||
+    if (isSimulator == nullptr || !isSimulator() || addChannel_ == nullptr || writeEvent_ == nullptr || writeEventData_ == nullptr ||
         waitForDeliveries_ == nullptr) {
         const std::wstring path = ModulePath(module_);
         ::FreeLibrary(module_);

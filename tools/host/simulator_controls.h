@@ -26,12 +26,14 @@ public:
     // ERROR_SUCCESS, or ERROR_ALREADY_EXISTS for a channel that is there.
     DWORD AddChannel(const std::wstring& channel) const { return addChannel_(channel.c_str()); }
     DWORD WriteEvent(const EVT_SIM_EVENT& event) const { return writeEvent_(&event); }
+    DWORD WriteEventData(const EVT_SIM_EVENT_DATA& event) const { return writeEventData_(&event); }
     bool WaitForDeliveries(DWORD timeoutMs) const { return waitForDeliveries_(timeoutMs) != FALSE; }
 
 private:
     HMODULE module_ = nullptr;
     decltype(&EvtSimAddChannel) addChannel_ = nullptr;
     decltype(&EvtSimWriteEvent) writeEvent_ = nullptr;
+    decltype(&EvtSimWriteEventData) writeEventData_ = nullptr;
     decltype(&EvtSimWaitForDeliveries) waitForDeliveries_ = nullptr;
 };
 

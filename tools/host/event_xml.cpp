@@ -1,0 +1,434 @@
+#include "event_xml.h"
+
+#include "console.h"
+#include "scenario.h"
+#include "unique_resource.h"
+
+#include <oleauto.h>
+
+#include <cwctype>
+
+namespace zeph::host {
+
+namespace {
+
+constexpr wchar_t kEventTag[] = L"Event";
+constexpr wchar_t kEventsTag[] = L"Events";
+
+std::wstring LocalName(IXMLDOMElement* element)
+{
+    BSTR name = nullptr;
+    element->get_baseName(&name);
+    const unique_bstr owned(name);
+    return name != nullptr ? std::wstring(name, ::SysStringLen(name)) : std::wstring();
+}
+
+ComPtr<IXMLDOMElement> Child(IXMLDOMElement* parent, const wchar_t* localName)
+{
+    for (auto& child : ChildElements(parent)) {
+        if (LocalName(child.Get()) == localName) {
+            return child;
+        }
+    }
+    return nullptr;
+}
+
+std::wstring Trimmed(std::wstring text)
+{
+    const size_t first = text.find_first_not_of(L" \t\r\n");
+    if (first == std::wstring::npos) {
+        return std::wstring();
+    }
+    return text.substr(first, text.find_last_not_of(L" \t\r\n") - first + 1);
+}
+
+std::optional<unsigned> Number(std::wstring_view text, unsigned maximum)
+{
+    if (text.empty() || text.size() > 9) {
+        return std::nullopt;
+    }
+    unsigned value = 0;
+    for (wchar_t c : text) {
+        if (c < L'0' || c > L'9') {
+            return std::nullopt;
+        }
+        value = value * 10 + static_cast<unsigned>(c - L'0');
+    }
+    return value <= maximum ? std::optional<unsigned>(value) : std::nullopt;
+}
+
+// Where an offset of the text is, 1-based, lines counted by line feeds as the parser does.
+struct Position {
+    size_t line = 1;
+    size_t column = 1;
+};
+
+Position PositionOf(std::wstring_view text, size_t offset)
+{
+    Position position;
+    for (size_t i = 0; i < offset && i < text.size(); ++i) {
+        if (text[i] == L'\n') {
+            ++position.line;
+            position.column = 1;
+        } else {
+            ++position.column;
+        }
+    }
+    return position;
+}
+
+std::wstring Describe(const Position& position)
+{
+    return L"line " + std::to_wstring(position.line) + L", column " + std::to_wstring(position.column);
+}
+
+// The <Event> elements of a file, found by their tags; their content is left to the parser.
+struct Scan {
+    struct Span {
+        size_t start;
+        size_t end;
+    };
+    std::vector<Span> events;
+    std::optional<std::wstring> fault;  // with its position, after the last span
+};
+
+Scan ScanEvents(std::wstring_view text)
+{
+    Scan scan;
+    size_t depth = 0;
+    bool inEvents = false;  // inside a root <Events>
+    size_t eventStart = std::wstring_view::npos;
+    size_t eventDepth = 0;
+    auto fail = [&](size_t at, const std::wstring& what) {
+        const size_t done = scan.events.size();
+        const std::wstring which = eventStart != std::wstring_view::npos ? L"event " + std::to_wstring(done + 1)
+                                   : done == 0                         ? L"before the first event"
+                                                                       : L"after event " + std::to_wstring(done);
+        scan.fault = which + L" (" + Describe(PositionOf(text, at)) + L"): " + what;
+        return scan;
+    };
+    auto skipTo = [&](size_t from, std::wstring_view end) {
+        const size_t at = text.find(end, from);
+        return at == std::wstring_view::npos ? at : at + end.size();
+    };
+
+    // evtxexport's first line is its name and version.
+    size_t i = text.find_first_not_of(L" \t\r\n");
+    if (i != std::wstring_view::npos && text[i] != L'<') {
+        i = text.find(L'\n', i);
+    }
+    const size_t n = text.size();
+    for (i = (i == std::wstring_view::npos ? n : i); i < n;) {
+        const wchar_t c = text[i];
+        if (c != L'<') {
+            if (eventStart == std::wstring_view::npos && !std::iswspace(c)) {
+                return fail(i, L"text outside an <Event> element");
+            }
+            ++i;
+            continue;
+        }
+        const std::wstring_view rest = text.substr(i);
+        size_t next = std::wstring_view::npos;
+        if (rest.starts_with(L"<!--")) {
+            next = skipTo(i + 4, L"-->");
+        } else if (rest.starts_with(L"<![CDATA[")) {
+            next = skipTo(i + 9, L"]]>");
+        } else if (rest.starts_with(L"<?")) {
+            next = skipTo(i + 2, L"?>");
+        } else if (rest.starts_with(L"<!")) {
+            next = skipTo(i + 2, L">");
+        }
+        if (rest.starts_with(L"<!") || rest.starts_with(L"<?")) {
+            if (next == std::wstring_view::npos) {
+                return fail(i, L"markup not closed before the end of the file");
+            }
+            i = next;
+            continue;
+        }
+        // A tag: its name, then its end, quotes honoured.
+        const bool endTag = rest.starts_with(L"</");
+        size_t nameEnd = i + (endTag ? 2 : 1);
+        while (nameEnd < n && !std::iswspace(text[nameEnd]) && text[nameEnd] != L'>' && text[nameEnd] != L'/') {
+            ++nameEnd;
+        }
+        const std::wstring_view name = text.substr(i + (endTag ? 2 : 1), nameEnd - i - (endTag ? 2 : 1));
+        if (name.empty()) {
+            return fail(i, L"'<' that starts no tag (write &lt; in text)");
+        }
+        size_t close = nameEnd;
+        for (wchar_t quote = 0; close < n; ++close) {
+            if (quote != 0) {
+                quote = text[close] == quote ? 0 : quote;
+            } else if (text[close] == L'"' || text[close] == L'\'') {
+                quote = text[close];
+            } else if (text[close] == L'>') {
+                break;
+            }
+        }
+        if (close == n) {
+            return fail(i, L"the tag <" + std::wstring(name) + L"> is not closed before the end of the file");
+        }
+        const std::wstring_view localName = name.substr(name.find(L':') == std::wstring_view::npos ? 0 : name.find(L':') + 1);
+        if (endTag) {
+            if (depth == 0) {
+                return fail(i, L"</" + std::wstring(name) + L"> closes no element");
+            }
+            --depth;
+            if (eventStart != std::wstring_view::npos && depth == eventDepth) {
+                scan.events.push_back({eventStart, close + 1});
+                eventStart = std::wstring_view::npos;
+            } else if (depth == 0) {
+                inEvents = false;
+            }
+            i = close + 1;
+            continue;
+        }
+        const bool empty = text[close - 1] == L'/';
+        if (eventStart == std::wstring_view::npos) {
+            const bool eventLevel = depth == 0 || (depth == 1 && inEvents);
+            if (depth == 0 && localName == kEventsTag && !empty) {
+                inEvents = true;
+            } else if (eventLevel && localName == kEventTag) {
+                eventStart = i;
+                eventDepth = depth;
+                if (empty) {
+                    scan.events.push_back({i, close + 1});
+                    eventStart = std::wstring_view::npos;
+                }
+            } else {
+                return fail(i, L"expected <Event> or <Events>, found <" + std::wstring(name) + L">");
+            }
+        }
+        if (!empty) {
+            ++depth;
+        }
+        i = close + 1;
+    }
+    if (eventStart != std::wstring_view::npos) {
+        return fail(eventStart, L"<Event> is not closed before the end of the file");
+    }
+    if (depth > 0) {
+        return fail(n, L"<Events> is not closed before the end of the file");
+    }
+    if (scan.events.empty()) {
+        return fail(n, L"the file holds no <Event>");
+    }
+    return scan;
+}
+
+std::wstring ParseErrorOf(IXMLDOMDocument* document, const Position& start)
+{
+    ComPtr<IXMLDOMParseError> error;
+    long line = 0;
+    long column = 0;
+    BSTR reason = nullptr;
+    if (SUCCEEDED(document->get_parseError(&error)) && error) {
+        error->get_line(&line);
+        error->get_linepos(&column);
+        error->get_reason(&reason);
+    }
+    const unique_bstr owned(reason);
+    std::wstring text = reason != nullptr ? Trimmed(std::wstring(reason, ::SysStringLen(reason))) : std::wstring();
+    Position at = start;
+    if (line > 1) {
+        at.line += static_cast<size_t>(line) - 1;
+        at.column = static_cast<size_t>(column > 0 ? column : 1);
+    } else if (line == 1 && column > 0) {
+        at.column += static_cast<size_t>(column) - 1;
+    }
+    return L"not well-formed XML at " + Describe(at) + (text.empty() ? L"" : L": " + text);
+}
+
+}  // namespace
+
+std::optional<ULONGLONG> ParseSystemTime(std::wstring_view text)
+{
+    // Fraction digits past the seventh are below a FILETIME's 100 ns.
+    const size_t dot = text.find(L'.');
+    if (dot != std::wstring_view::npos && text.size() > dot + 9 && text.size() - dot - 2 <= 9) {
+        std::wstring shortened(text.substr(0, dot + 8));
+        shortened += L'Z';
+        if (text.back() != L'Z') {
+            return std::nullopt;
+        }
+        return ParseUtcTime(shortened);
+    }
+    return ParseUtcTime(text);
+}
+
+EventXml ReadEventElement(IXMLDOMElement* event)
+{
+    if (LocalName(event) != kEventTag) {
+        throw EventXmlError(L"expected <Event>, found <" + TagName(event) + L">");
+    }
+    const auto system = Child(event, L"System");
+    if (!system) {
+        throw EventXmlError(L"<Event> has no <System>");
+    }
+    EventXml result;
+    const auto provider = Child(system.Get(), L"Provider");
+    const auto publisher = provider ? Attribute(provider.Get(), L"Name") : std::nullopt;
+    if (!publisher || publisher->empty()) {
+        throw EventXmlError(L"<Event> has no System/Provider/@Name");
+    }
+    result.publisher = *publisher;
+
+    const auto id = Child(system.Get(), L"EventID");
+    if (!id) {
+        throw EventXmlError(L"<Event> has no System/EventID");
+    }
+    const std::wstring idText = Trimmed(ElementText(id.Get()));
+    const auto idNumber = Number(idText, 65535);
+    if (!idNumber) {
+        throw EventXmlError(L"System/EventID must be a whole number from 0 to 65535, not '" + idText + L"'");
+    }
+    result.id = static_cast<USHORT>(*idNumber);
+
+    const auto created = Child(system.Get(), L"TimeCreated");
+    const auto time = created ? Attribute(created.Get(), L"SystemTime") : std::nullopt;
+    if (!time) {
+        throw EventXmlError(L"<Event> has no System/TimeCreated/@SystemTime");
+    }
+    const auto fileTime = ParseSystemTime(*time);
+    if (!fileTime) {
+        throw EventXmlError(L"System/TimeCreated/@SystemTime must read like 2024-05-14T07:58:41.2071234Z, not '" +
+                            *time + L"'");
+    }
+    result.timeCreated = *fileTime;
+
+    const auto channel = Child(system.Get(), L"Channel");
+    result.channel = channel ? Trimmed(ElementText(channel.Get())) : std::wstring();
+    if (result.channel.empty()) {
+        throw EventXmlError(L"<Event> has no System/Channel");
+    }
+
+    if (const auto data = Child(event, L"EventData")) {
+        for (const auto& item : ChildElements(data.Get())) {
+            if (LocalName(item.Get()) == L"Data") {
+                result.insertions.push_back(ElementText(item.Get()));
+            }
+        }
+    } else if (const auto userData = Child(event, L"UserData")) {
+        // One element of the publisher's own schema; its children are the values, in order.
+        const auto children = ChildElements(userData.Get());
+        if (!children.empty()) {
+            for (const auto& item : ChildElements(children.front().Get())) {
+                result.insertions.push_back(ElementText(item.Get()));
+            }
+        }
+    }
+    if (const auto rendering = Child(event, L"RenderingInfo")) {
+        if (const auto message = Child(rendering.Get(), L"Message")) {
+            // The parser made every line end a line feed; Windows messages end lines with CR LF.
+            std::wstring text;
+            for (wchar_t c : ElementText(message.Get())) {
+                if (c == L'\n' && (text.empty() || text.back() != L'\r')) {
+                    text += L'\r';
+                }
+                text += c;
+            }
+            result.renderedMessage = std::move(text);
+        }
+    }
+    return result;
+}
+
+EventFile ParseEventText(std::wstring_view text)
+{
+    EventFile file;
+    const Scan scan = ScanEvents(text);
+    ComPtr<IXMLDOMDocument> document;
+    if (!scan.events.empty()) {
+        const HRESULT result =
+            ::CoCreateInstance(kClsidDomDocument30, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&document));
+        if (FAILED(result)) {
+            throw HostError(ExitCode::RunFailed,
+                            L"cannot create the XML parser (MSXML 3.0): " + DescribeError(static_cast<DWORD>(result)));
+        }
+        document->put_async(VARIANT_FALSE);
+        document->put_validateOnParse(VARIANT_FALSE);
+        document->put_resolveExternals(VARIANT_FALSE);
+        document->put_preserveWhiteSpace(VARIANT_TRUE);  // blank insertion strings are data
+    }
+    for (size_t i = 0; i < scan.events.size(); ++i) {
+        const auto [start, end] = scan.events[i];
+        const Position position = PositionOf(text, start);
+        const std::wstring where = L"event " + std::to_wstring(i + 1) + L" (";
+        const unique_bstr source(::SysAllocStringLen(text.data() + start, static_cast<UINT>(end - start)));
+        if (!source) {
+            throw std::bad_alloc();
+        }
+        VARIANT_BOOL loaded = VARIANT_FALSE;
+        if (FAILED(document->loadXML(source.get(), &loaded)) || loaded != VARIANT_TRUE) {
+            file.fault = L"event " + std::to_wstring(i + 1) + L": " + ParseErrorOf(document.Get(), position);
+            return file;
+        }
+        try {
+            file.events.push_back(ReadEventElement(RootElement(document.Get()).Get()));
+        } catch (const EventXmlError& error) {
+            file.fault = where + Describe(position) + L"): " + error.What();
+            return file;
+        }
+    }
+    file.fault = scan.fault;
+    return file;
+}
+
+std::wstring DecodeText(const std::string& bytes)
+{
+    auto utf16 = [&](size_t skip, bool bigEndian) {
+        std::wstring text;
+        text.reserve((bytes.size() - skip) / 2);
+        for (size_t i = skip; i + 1 < bytes.size(); i += 2) {
+            const auto first = static_cast<unsigned char>(bytes[i]);
+            const auto second = static_cast<unsigned char>(bytes[i + 1]);
+            text += static_cast<wchar_t>(bigEndian ? (first << 8) | second : (second << 8) | first);
+        }
+        return text;
+    };
+    if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF && static_cast<unsigned char>(bytes[1]) == 0xFE) {
+        return utf16(2, false);
+    }
+    if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFE && static_cast<unsigned char>(bytes[1]) == 0xFF) {
+        return utf16(2, true);
+    }
+    if (bytes.size() >= 2 && bytes[0] != 0 && bytes[1] == 0) {
+        return utf16(0, false);  // PowerShell and friends, without a mark
+    }
+    const size_t skip = bytes.size() >= 3 && bytes.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0;
+    const char* data = bytes.data() + skip;
+    const int size = static_cast<int>(bytes.size() - skip);
+    UINT codePage = CP_UTF8;
+    int length = ::MultiByteToWideChar(codePage, MB_ERR_INVALID_CHARS, data, size, nullptr, 0);
+    if (length == 0 && size > 0) {
+        codePage = CP_ACP;
+        length = ::MultiByteToWideChar(codePage, 0, data, size, nullptr, 0);
+    }
+    std::wstring text(static_cast<size_t>(length), L'\0');
+    ::MultiByteToWideChar(codePage, 0, data, size, text.data(), length);
+    return text;
+}
+
+EventFile LoadEventFile(const std::wstring& path)
+{
+    const unique_file file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    LARGE_INTEGER size = {};
+    if (!file || !::GetFileSizeEx(file.get(), &size)) {
+        throw HostError(ExitCode::ScenarioInvalid,
+                        L"cannot read the event file '" + path + L"': " + SystemMessage(::GetLastError()));
+    }
+    if (size.QuadPart > 0x40000000) {
+        throw HostError(ExitCode::ScenarioInvalid, L"the event file '" + path + L"' is larger than 1 GB");
+    }
+    std::string bytes(static_cast<size_t>(size.QuadPart), '\0');
+    DWORD read = 0;
+    if (!bytes.empty() && (!::ReadFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr) ||
+                           read != bytes.size())) {
+        throw HostError(ExitCode::ScenarioInvalid,
+                        L"cannot read the event file '" + path + L"': " + SystemMessage(::GetLastError()));
+    }
+    return ParseEventText(DecodeText(bytes));
+}
+
+}  // namespace zeph::host
