@@ -11,7 +11,7 @@ NEEDED    := /usr/bin/x86_64-w64-mingw32-g++-posix /usr/bin/x86_64-w64-mingw32-w
              /usr/include/wine/wine/windows/oaidl.idl /usr/bin/wine /usr/bin/cmake \
              /usr/src/googletest/CMakeLists.txt
 
-.PHONY: all deps configure build prefix test demo bench clean
+.PHONY: all deps configure build prefix test demo replay bench clean
 
 all: build
 
@@ -51,6 +51,18 @@ bench: build prefix
 # The demo prepares a Wine prefix of its own (BUILD/demo-prefix), apart from the tests'.
 demo: build
 	bash demo/run.sh $(BUILD)
+
+# Replays a saved event log through the demo's configuration:
+#   make replay EVTX=path/to/Application.evtx
+replay: build
+	@[ -n "$(EVTX)" ] || { echo "usage: make replay EVTX=path/to/Application.evtx" >&2; exit 2; }
+	@if ! command -v evtxexport >/dev/null 2>&1; then \
+	  echo "== installing evtxexport (libevtx-utils)"; \
+	  SUDO=""; [ "$$(id -u)" = 0 ] || SUDO=sudo; \
+	  $$SUDO apt-get update -q && \
+	  DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -q --no-install-recommends libevtx-utils; \
+	fi
+	bash demo/run.sh $(BUILD) --evtx "$(EVTX)"
 
 clean:
 	rm -rf $(BUILD)

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# The demo that `make demo` runs: zeph-host replays demo/scenario.xml against the
-# simulated event log and prints both metrics' values.
+# The demo that `make demo` runs: zeph-host replays demo/scenario.xml and then the
+# exported Windows events of demo/application-errors.xml against the simulated event
+# log, and prints both metrics' values. With --evtx FILE (`make replay`), it converts a
+# saved .evtx log with evtxexport and replays that instead, with the demo's configuration.
 #
 # It uses a Wine prefix of its own (BUILD/demo-prefix, apart from the tests'),
 # prepared as a desktop would be: the host's Agent.tlb and zeph_eventlog.dll
@@ -8,9 +10,13 @@
 # created. Usage: demo/run.sh BUILD_DIR
 set -euo pipefail
 
-if [ $# -ne 1 ]; then
-    echo "usage: demo/run.sh BUILD_DIR" >&2
-    exit 2
+usage() { echo "usage: demo/run.sh BUILD_DIR [--evtx FILE.evtx]" >&2; exit 2; }
+[ $# -eq 1 ] || [ $# -eq 3 ] || usage
+evtx=""
+if [ $# -eq 3 ]; then
+    [ "$2" = "--evtx" ] || usage
+    evtx=$(cd "$(dirname "$3")" && pwd)/$(basename "$3")
+    [ -f "$evtx" ] || { echo "demo: no such file: $3" >&2; exit 2; }
 fi
 build=$(cd "$1" && pwd)
 demo=$(cd "$(dirname "$0")" && pwd)
@@ -55,6 +61,18 @@ logs="$WINEPREFIX/drive_c/Program Files/Quillon/Logs"
 mkdir -p "$logs"
 rm -f "$logs/drovesvc.log" "$logs/drovesvc_bak.log"
 
-echo "== zeph-host --config demo/zeph-host.xml --scenario demo/scenario.xml --once"
+if [ -n "$evtx" ]; then
+    # evtxexport prints its version banner first; zeph-host skips it.
+    events="$build/replay.xml"
+    echo "== evtxexport -f xml $evtx > $events"
+    evtxexport -f xml "$evtx" > "$events"
+    echo "== zeph-host --config demo/zeph-host.xml --replay $events --once"
+    run zeph-host.exe --config "$(windows_path "$demo/zeph-host.xml")" \
+        --replay "$(windows_path "$events")" --once
+    exit 0
+fi
+
+echo "== zeph-host --config demo/zeph-host.xml --scenario demo/scenario.xml --replay demo/application-errors.xml --once"
 run zeph-host.exe --config "$(windows_path "$demo/zeph-host.xml")" \
-    --scenario "$(windows_path "$demo/scenario.xml")" --once
+    --scenario "$(windows_path "$demo/scenario.xml")" \
+    --replay "$(windows_path "$demo/application-errors.xml")" --once
