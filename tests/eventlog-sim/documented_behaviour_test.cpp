@@ -130,31 +130,20 @@ TEST(DocumentedBehaviour, MessagesFromTemplatesAndInsertionStrings)
     EvtClose(metadata);
 }
 
+// Its fifteen-field text is compared through the provider in tests/host/event_xml_test.cpp.
 TEST(DocumentedBehaviour, ApplicationErrorTemplateIsBuiltIn)
 {
-    const Strings fields = {L"ledger.exe", L"4.2.0.118", L"65f1c2a0", L"ntdll.dll", L"10.0.19041.3636", L"b5ced1c6",
-                            L"c0000374", L"00000000000ff6a9", L"1cf4", L"01daa5e0b2c84f3d",
-                            L"C:\\Program Files\\Ledger\\ledger.exe", L"C:\\Windows\\SYSTEM32\\ntdll.dll",
-                            L"a3b1f0d2-6c4e-4b8a-9e71-5d20c8f4e613", L"", L""};
-    const std::wstring head =
-        L"Faulting application name: ledger.exe, version: 4.2.0.118, time stamp: 0x65f1c2a0\r\n"
-        L"Faulting module name: ntdll.dll, version: 10.0.19041.3636, time stamp: 0xb5ced1c6\r\n"
-        L"Exception code: 0xc0000374\r\nFault offset: 0x00000000000ff6a9\r\nFaulting process id: 0x1cf4\r\n"
-        L"Faulting application start time: 0x01daa5e0b2c84f3d\r\n"
-        L"Faulting application path: C:\\Program Files\\Ledger\\ledger.exe\r\n"
-        L"Faulting module path: C:\\Windows\\SYSTEM32\\ntdll.dll\r\nReport Id: a3b1f0d2-6c4e-4b8a-9e71-5d20c8f4e613\r\n";
     // Registered on every desktop: its metadata opens before any of its events is written.
     EVT_HANDLE metadata = EvtOpenPublisherMetadata(nullptr, L"application error", nullptr, 0, 0);
     ASSERT_NE(nullptr, metadata);
     std::vector<Formatted> seen;
     Channel channel([&](EVT_HANDLE event) { seen.push_back(Format(metadata, event)); });
-    channel.Write(L"Application Error", 1000, fields);
-    channel.Write(L"Application Error", 1000, Strings(fields.begin(), fields.begin() + 13));  // an older, shorter form
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(0u, seen[0].error);
-    EXPECT_EQ(head + L"Faulting package full name: \r\nFaulting package-relative application ID: ", seen[0].text);
-    EXPECT_EQ(DWORD{ERROR_EVT_UNRESOLVED_VALUE_INSERT}, seen[1].error);
-    EXPECT_EQ(head + L"Faulting package full name: %14\r\nFaulting package-relative application ID: %15", seen[1].text);
+    channel.Write(L"Application Error", 1000, Strings(13, L"v"));  // an older, shorter form
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(DWORD{ERROR_EVT_UNRESOLVED_VALUE_INSERT}, seen[0].error);
+    EXPECT_TRUE(seen[0].text.starts_with(L"Faulting application name: v, version: v, time stamp: 0xv\r\n"));
+    EXPECT_TRUE(seen[0].text.ends_with(
+        L"\r\nReport Id: v\r\nFaulting package full name: %14\r\nFaulting package-relative application ID: %15"));
     EvtClose(metadata);
 }
 

@@ -63,10 +63,10 @@ struct Position {
     size_t column = 1;
 };
 
-Position PositionOf(std::wstring_view text, size_t offset)
+// Moves a position from one offset of the text to a later one.
+Position Advance(Position position, std::wstring_view text, size_t from, size_t to)
 {
-    Position position;
-    for (size_t i = 0; i < offset && i < text.size(); ++i) {
+    for (size_t i = from; i < to && i < text.size(); ++i) {
         if (text[i] == L'\n') {
             ++position.line;
             position.column = 1;
@@ -75,6 +75,11 @@ Position PositionOf(std::wstring_view text, size_t offset)
         }
     }
     return position;
+}
+
+Position PositionOf(std::wstring_view text, size_t offset)
+{
+    return Advance(Position(), text, 0, offset);
 }
 
 std::wstring Describe(const Position& position)
@@ -350,9 +355,12 @@ EventFile ParseEventText(std::wstring_view text)
         document->put_resolveExternals(VARIANT_FALSE);
         document->put_preserveWhiteSpace(VARIANT_TRUE);  // blank insertion strings are data
     }
+    Position position;  // of the event's start, carried along: a file may hold many thousands
+    size_t positionAt = 0;
     for (size_t i = 0; i < scan.events.size(); ++i) {
         const auto [start, end] = scan.events[i];
-        const Position position = PositionOf(text, start);
+        position = Advance(position, text, positionAt, start);
+        positionAt = start;
         const std::wstring where = L"event " + std::to_wstring(i + 1) + L" (";
         const unique_bstr source(::SysAllocStringLen(text.data() + start, static_cast<UINT>(end - start)));
         if (!source) {

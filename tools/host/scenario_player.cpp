@@ -106,7 +106,7 @@ void ScenarioPlayer::WriteXml(size_t number, const EventXml& event)
         Announce(number, what + L": skipped, no metric subscribes to the channel");
         return;
     }
-    Announce(number, what + L" (" + std::to_wstring(event.insertions.size()) + L" insertion strings)");
+    Announce(number, what + L" (" + std::to_wstring(event.insertions.size()) + L" insertion string(s))");
     WaitForDeliveries(number);
 }
 
