@@ -8,6 +8,23 @@
 
 namespace evtsim {
 
+namespace {
+
+// The parts both forms of a written event have.
+template <class Written>
+std::shared_ptr<EventRecord> NewRecord(const Written& event, const std::wstring& publisherKey) {
+    auto record = std::make_shared<EventRecord>();
+    record->channel = event.channel;
+    record->publisher = event.publisher;
+    record->publisherKey = publisherKey;
+    record->eventId = event.eventId;
+    record->timeCreated = event.timeCreated;
+    record->flags = event.flags;
+    return record;
+}
+
+}  // namespace
+
 void Channel::Attach(std::shared_ptr<Subscription> subscription) {
     std::lock_guard lock(mutex_);
     subscriptions_.push_back(std::move(subscription));
@@ -82,14 +99,8 @@ DWORD EventLog::Write(const EVT_SIM_EVENT& event) {
     std::shared_ptr<Channel> channel = Prepare(event.channel, publisherKey);
     if (!channel) return ERROR_EVT_CHANNEL_NOT_FOUND;
     channel->Publish(publisherKey, event.eventId, [&] {
-        auto record = std::make_shared<EventRecord>();
-        record->channel = event.channel;
-        record->publisher = event.publisher;
-        record->publisherKey = publisherKey;
-        record->eventId = event.eventId;
-        record->timeCreated = event.timeCreated;
+        auto record = NewRecord(event, publisherKey);
         record->renderedMessage = event.message;  // the text stands as the event's own message
-        record->flags = event.flags;
         return record;
     });
     ++GlobalCounters().eventsWritten;
@@ -107,15 +118,9 @@ DWORD EventLog::Write(const EVT_SIM_EVENT_DATA& event) {
     std::shared_ptr<Channel> channel = Prepare(event.channel, publisherKey);
     if (!channel) return ERROR_EVT_CHANNEL_NOT_FOUND;
     channel->Publish(publisherKey, event.eventId, [&] {
-        auto record = std::make_shared<EventRecord>();
-        record->channel = event.channel;
-        record->publisher = event.publisher;
-        record->publisherKey = publisherKey;
-        record->eventId = event.eventId;
-        record->timeCreated = event.timeCreated;
+        auto record = NewRecord(event, publisherKey);
         record->insertions.assign(event.insertions, event.insertions + event.insertionCount);
         if (event.renderedMessage != nullptr) record->renderedMessage = event.renderedMessage;
-        record->flags = event.flags;
         return record;
     });
     ++GlobalCounters().eventsWritten;

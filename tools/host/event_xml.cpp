@@ -6,6 +6,7 @@
 
 #include <oleauto.h>
 
+#include <cwchar>
 #include <cwctype>
 
 namespace zeph::host {
@@ -42,19 +43,13 @@ std::wstring Trimmed(std::wstring text)
     return text.substr(first, text.find_last_not_of(L" \t\r\n") - first + 1);
 }
 
-std::optional<unsigned> Number(std::wstring_view text, unsigned maximum)
+std::optional<USHORT> EventId(const std::wstring& text)
 {
-    if (text.empty() || text.size() > 9) {
+    if (text.empty() || text.size() > 5 || text.find_first_not_of(L"0123456789") != std::wstring::npos) {
         return std::nullopt;
     }
-    unsigned value = 0;
-    for (wchar_t c : text) {
-        if (c < L'0' || c > L'9') {
-            return std::nullopt;
-        }
-        value = value * 10 + static_cast<unsigned>(c - L'0');
-    }
-    return value <= maximum ? std::optional<unsigned>(value) : std::nullopt;
+    const unsigned long value = std::wcstoul(text.c_str(), nullptr, 10);
+    return value <= 65535 ? std::optional<USHORT>(static_cast<USHORT>(value)) : std::nullopt;
 }
 
 // Where an offset of the text is, 1-based, lines counted by line feeds as the parser does.
@@ -283,11 +278,11 @@ EventXml ReadEventElement(IXMLDOMElement* event)
         throw EventXmlError(L"<Event> has no System/EventID");
     }
     const std::wstring idText = Trimmed(ElementText(id.Get()));
-    const auto idNumber = Number(idText, 65535);
+    const auto idNumber = EventId(idText);
     if (!idNumber) {
         throw EventXmlError(L"System/EventID must be a whole number from 0 to 65535, not '" + idText + L"'");
     }
-    result.id = static_cast<USHORT>(*idNumber);
+    result.id = *idNumber;
 
     const auto created = Child(system.Get(), L"TimeCreated");
     const auto time = created ? Attribute(created.Get(), L"SystemTime") : std::nullopt;
