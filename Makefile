@@ -1,17 +1,20 @@
 # The two commands: `make demo` and `make test`. Both install what is missing,
 # build, and run everything under Wine in a prefix inside the build tree.
-BUILD     ?= build
-JOBS      ?= $(shell nproc)
+# The CMake presets (CMakePresets.json) say how each compiler configures:
+# "mingw" (GCC, into build/, the build that runs) and "clang" (into build-clang/,
+# built with warnings as errors too, never run).
+BUILD     := build
+JOBS      ?= 2
 WINEPREFIX_DIR := $(abspath $(BUILD))/wineprefix
 WINE_ENV  := WINEPREFIX=$(WINEPREFIX_DIR) WINEDEBUG=-all WINEARCH=win64
 
 # Debian packages the build needs, and a file or command that shows each is there.
-PACKAGES  := g++-mingw-w64-x86-64-posix mingw-w64-tools libwine-dev wine64 wine cmake googletest
+PACKAGES  := g++-mingw-w64-x86-64-posix mingw-w64-tools libwine-dev wine64 wine cmake googletest clang lld
 NEEDED    := /usr/bin/x86_64-w64-mingw32-g++-posix /usr/bin/x86_64-w64-mingw32-widl \
              /usr/include/wine/wine/windows/oaidl.idl /usr/bin/wine /usr/bin/cmake \
-             /usr/src/googletest/CMakeLists.txt
+             /usr/src/googletest/CMakeLists.txt /usr/bin/clang++ /usr/bin/ld.lld
 
-.PHONY: all deps configure build prefix test demo replay bench clean
+.PHONY: all deps configure build build-clang prefix test demo replay bench clean
 
 all: build
 
@@ -25,11 +28,15 @@ deps:
 	fi
 
 configure: deps
-	@[ -f $(BUILD)/CMakeCache.txt ] || cmake -S . -B $(BUILD) \
-	  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	@[ -f $(BUILD)/CMakeCache.txt ] || cmake --preset mingw
 
 build: configure
-	cmake --build $(BUILD) -j $(JOBS)
+	cmake --build --preset mingw -j $(JOBS)
+
+# The second compiler: everything built, warnings as errors, nothing run.
+build-clang: deps
+	@[ -f build-clang/CMakeCache.txt ] || cmake --preset clang
+	cmake --build --preset clang -j $(JOBS)
 
 prefix: configure
 	@if [ ! -f $(WINEPREFIX_DIR)/system.reg ]; then \
@@ -40,9 +47,9 @@ prefix: configure
 
 # A persistent wineserver makes each Wine start take about a second instead of several;
 # it goes away by itself shortly after the last test.
-test: build prefix
+test: build build-clang prefix
 	@$(WINE_ENV) wineserver -p10 </dev/null >/dev/null 2>&1
-	cd $(BUILD) && ctest --output-on-failure --timeout 900 -j 2
+	ctest --preset mingw
 
 bench: build prefix
 	@$(WINE_ENV) wineserver -p10 </dev/null >/dev/null 2>&1
@@ -65,4 +72,4 @@ replay: build
 	bash demo/run.sh $(BUILD) --evtx "$(EVTX)"
 
 clean:
-	rm -rf $(BUILD)
+	rm -rf $(BUILD) build-clang
