@@ -40,7 +40,6 @@ public:
     ComApartment& operator=(const ComApartment&) = delete;
 };
 
-
 // Everything subscribed goes again when this ends, however the run ends.
 class Subscriptions {
 public:
