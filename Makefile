@@ -4,7 +4,7 @@
 # "mingw" (GCC, into build/, the build that runs) and "clang" (into build-clang/,
 # built with warnings as errors too, never run).
 BUILD     := build
-JOBS      ?= 2
+JOBS      ?= $(shell nproc)
 WINEPREFIX_DIR := $(abspath $(BUILD))/wineprefix
 WINE_ENV  := WINEPREFIX=$(WINEPREFIX_DIR) WINEDEBUG=-all WINEARCH=win64
 
