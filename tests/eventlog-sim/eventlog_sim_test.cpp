@@ -1,8 +1,8 @@
 // The simulated event log where the provider's own tests cannot show that it behaves like the
 // real API: the error codes of its refusals, and its threading (deliveries on a thread of its
-// own in write order; EvtClose waiting for a callback in flight, except from inside it). Its
-// handle counters back the leak checks of every other suite, so they are checked here too;
-// rendering and formatting are proven through the provider's own reads.
+// own; EvtClose from inside a callback). Its handle counters back the leak checks of every
+// other suite, so they are checked here too. Rendering, formatting and EvtClose waiting for a
+// callback in flight are proven through the provider's own tests (tests/metric, the teardown race).
 #include "event_log_handle.h"
 #include "simulated_event_log.h"
 
@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <future>
 #include <mutex>
 #include <semaphore>
 #include <thread>
@@ -181,39 +180,6 @@ TEST_F(SimTest, DeliversFutureEventsOnOneThreadOfItsOwnAndErrorsWithTheirCode)
     EXPECT_EQ(EvtSubscribeActionError, calls.back().action);
     EXPECT_EQ(DWORD{ERROR_EVT_QUERY_RESULT_STALE}, calls.back().errorCode);
     EXPECT_EQ(19, Counters().opened[EVT_SIM_KIND_EVENT]);
-}
-
-TEST_F(SimTest, CloseWaitsForTheRunningCallbackOfAnotherThread)
-{
-    std::binary_semaphore entered{0}, release{0};
-    std::atomic<bool> callbackFinished{false};
-    Recorder recorder([&](EVT_HANDLE) {
-        entered.release();
-        release.try_acquire_for(kWait);
-        callbackFinished = true;
-    });
-    ASSERT_EQ(kOk, recorder.Subscribe(channel_));
-    ASSERT_EQ(kOk, Write(L"Close", 1));
-    ASSERT_TRUE(entered.try_acquire_for(kWait));
-
-    std::atomic<bool> finishedFirst{false};
-    std::promise<BOOL> closing;
-    std::future<BOOL> closed = closing.get_future();
-    std::thread closer([&] {
-        const BOOL ok = recorder.Close();
-        finishedFirst = callbackFinished.load();
-        closing.set_value(ok);
-    });
-    // Give a close that does not wait the chance to return while the callback is held.
-    EXPECT_EQ(std::future_status::timeout, closed.wait_for(std::chrono::milliseconds(200)));
-    release.release();
-    if (closed.wait_for(kWait) != std::future_status::ready) {
-        closer.detach();
-        FAIL() << "EvtClose did not return after the callback did";
-    }
-    closer.join();
-    EXPECT_TRUE(closed.get());
-    EXPECT_TRUE(finishedFirst);
 }
 
 TEST_F(SimTest, CloseFromItsOwnCallbackDropsTheQueueWithoutDeadlockAndNothingComesAfterClose)
