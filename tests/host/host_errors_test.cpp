@@ -8,6 +8,7 @@ namespace zeph::test {
 namespace {
 
 enum : DWORD {
+    kRunFailed = 1,
     kUsage = 2,
     kConfigMissing = 3,
     kConfigMalformed = 4,
@@ -82,6 +83,9 @@ TEST_F(HostErrors, UsageErrorsExitWithTwo)
          L"--dll and --progid exclude each other" + help},
         {{L"--once"}, kUsage, L"no configuration file: give --config FILE" + help},
         {{L"--config", config_, L"stray"}, kUsage, L"unexpected argument 'stray'" + help},
+        {{L"--config", config_, L"--once", L"--interval", L"5"}, kUsage, L"--once and --interval exclude each other" + help},
+        {{L"--register-tlb", config_ + L".tlb"}, kRunFailed,
+         L"cannot load the type library '" + config_ + L".tlb': file not found"},
     });
 }
 
@@ -102,7 +106,8 @@ TEST_F(HostErrors, HelpDocumentsOptionsAndExitCodes)
 TEST_F(HostErrors, ConfigurationMissingOrMalformed)
 {
     const std::wstring absent = folder_.Path() + L"\\absent.xml";
-    const std::wstring unclosed = folder_.WriteFile(L"unclosed.xml", "<zeph-host><metric name=\"a\">\n");
+    const std::wstring unclosed =
+        folder_.WriteFile(L"unclosed.xml", "<zeph-host>\n  <metric name=\"a\"></metrics>\n</zeph-host>\n");
     const std::wstring none = folder_.WriteFile(L"none.xml", "<zeph-host>\n  <!-- nothing -->\n</zeph-host>\n");
     const std::wstring foreign =
         folder_.WriteFile(L"foreign.xml", "<zeph-host><metric name=\"m\"/><metrics name=\"n\"/></zeph-host>");
@@ -111,7 +116,8 @@ TEST_F(HostErrors, ConfigurationMissingOrMalformed)
     auto file = [](const std::wstring& path) { return L"the configuration file '" + path + L"'"; };
     Expect({
         {{L"--config", absent, L"--once"}, kConfigMissing, L"cannot read " + file(absent) + L": *"},
-        {{L"--config", unclosed, L"--once"}, kConfigMalformed, file(unclosed) + L" is not well-formed XML*"},
+        {{L"--config", unclosed, L"--once"}, kConfigMalformed,
+         file(unclosed) + L" is not well-formed XML at line 2, column *: Opening and ending tag mismatch: metric line 2 and metrics"},
         {{L"--config", none, L"--once"}, kConfigMalformed, file(none) + L" has no <metric> element"},
         {{L"--config", foreign, L"--once"}, kConfigMalformed,
          file(foreign) + L" has an element <metrics> where only <metric> may stand"},
@@ -133,6 +139,14 @@ TEST_F(HostErrors, ProviderThatCannotBeCreatedOrSubscribe)
         "<zeph-host><metric name=\"eventlog|eventlog_appcrash\"><channel>Application</channel><query>*</query></metric>"
         "<metric name=\"eventlog|eventlog_quillon\"><channel>Application</channel></metric></zeph-host>");
     const std::wstring cannotSubscribe = L"cannot subscribe the metric 'eventlog|eventlog_";
+    // As regsvr32 /i:user /n leaves it: classes of the current user only.
+    const wchar_t* userOnly = L"Software\\Classes\\ZephTest.UserOnly\\CLSID";
+    ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, userOnly, nullptr, REG_SZ, L"{5A1E7C00-0000-4000-8000-00000000DEAD}",
+                                78),
+              0);
+    struct UserKey {
+        ~UserKey() { ::RegDeleteTreeW(HKEY_CURRENT_USER, L"Software\\Classes\\ZephTest.UserOnly"); }
+    } removed;
     Expect({
         {{L"--config", config_, L"--once", L"--dll", absentDll}, kDllNotLoaded,
          L"cannot load the provider DLL '" + absentDll + L"': *"},
@@ -144,6 +158,10 @@ TEST_F(HostErrors, ProviderThatCannotBeCreatedOrSubscribe)
         {{L"--config", config_, L"--once", L"--progid", L"ZephTest.NoSuchProvider"}, kClassNotRegistered,
          L"the class 'ZephTest.NoSuchProvider' is not registered: register the provider (regsvr32 zeph_eventlog.dll) "
          L"or give --dll PATH"},
+        {{L"--config", config_, L"--once", L"--progid", L"ZephTest.UserOnly"}, kClassNotRegistered,
+         L"the class 'ZephTest.UserOnly' is not registered: register the provider (regsvr32 zeph_eventlog.dll) "
+         L"or give --dll PATH; it is registered for the current user only (regsvr32 /i:user /n), which Wine does not "
+         L"merge into HKEY_CLASSES_ROOT: register it machine-wide"},
         // The provider's own log lines stay off, so the host's line is the only one.
         {{L"--config", noChannel, L"--once", L"--log", L"none", L"--dll", dll_}, kSubscribeFailed,
          cannotSubscribe + L"appcrash': 0x80070490*"},
@@ -169,6 +187,8 @@ TEST_F(HostErrors, ScenarioMissingMalformedOrWithoutTheSimulator)
         {"<scenario><query>now</query></scenario>", L", step 1 <query>: takes no content"},
         {"<scenario><append>line</append></scenario>", L", step 1 <append>: attribute file is missing"},
         {"<scenario><append file='x.log'><line/></append></scenario>", L", step 1 <append>: holds text only, no elements"},
+        {"<scenario><pause ms='5' msec='5'/></scenario>", L", step 1 <pause>: unknown attribute 'msec' (expected ms)"},
+        {"<scenario><query now='yes'/></scenario>", L", step 1 <query>: unknown attribute 'now' (it takes none)"},
     };
     const std::wstring absent = folder_.Path() + L"\\absent.xml";
     std::vector<Refusal> refusals = {
@@ -184,6 +204,33 @@ TEST_F(HostErrors, ScenarioMissingMalformedOrWithoutTheSimulator)
                         kScenarioFailed,
                         L"scenario replay needs the simulated event log, but the wevtapi.dll in use (*) is the system's event log"});
     Expect(refusals);
+}
+
+// A metric that will report nothing is still handed to the provider as written, and
+// named on standard error, one line each.
+TEST_F(HostErrors, MetricsThatWillReportNothingAreNamed)
+{
+    const std::wstring config = folder_.WriteFile(L"unusable.xml", R"(<zeph-host>
+  <metric name="eventlog|eventlog_appcrash"><channel>Nowhere</channel><query>*</query></metric>
+  <metric name="eventlog|eventlog_quillon"><channel>Application</channel><query>*[System[</query></metric>
+  <metric name="eventlog|eventlog_typo"><channel>Application</channel><query>*</query></metric>
+  <metric name="eventlog|eventlog_appcrash"><channel>Nowhere either</channel></metric>
+</zeph-host>
+)");
+    const HostRun run = RunZephHost({L"--config", config, L"--once", L"--log", L"none", L"--dll", dll_});
+    EXPECT_EQ(run.exitCode, 0u);
+    const std::wstring warning = L"zeph-host: warning: metric 'eventlog|eventlog_";
+    const std::wstring nothing = L": the metric will report nothing";
+    const auto lines = run.ErrLines();
+    ASSERT_EQ(lines.size(), 3u) << testing::PrintToString(run.err);
+    EXPECT_EQ(lines[0], warning + L"appcrash': channel 'Nowhere' does not exist on this machine" + nothing);
+    EXPECT_TRUE(lines[1].starts_with(warning + L"quillon': the event log rejects the query '*[System[': 0x00003a99") &&
+                lines[1].ends_with(nothing))
+        << testing::PrintToString(lines[1]);
+    EXPECT_EQ(lines[2], warning + L"typo': the provider has no metric of this name and took nothing" + nothing);
+    for (const wchar_t* metric : {L"appcrash: 0 values", L"quillon: 0 values", L"typo: 0 values"}) {
+        EXPECT_NE(run.out.find(std::wstring(L"eventlog|eventlog_") + metric), std::wstring::npos) << run.out.size();
+    }
 }
 
 TEST_F(HostErrors, FailedStepEndsTheRunAndUnsubscribes)
