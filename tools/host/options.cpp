@@ -218,7 +218,7 @@ Output:
 Exit codes:
   0  finished, or stopped with Ctrl+C
   1  run failed: COM or MSXML unavailable, a query failed, a type library not (un)registered
-  2  unknown option, missing or bad option value
+  2  unknown option, missing or bad option value, options that exclude each other
   3  configuration file missing or unreadable
   4  configuration malformed: not well-formed XML, no <metric> element, a metric without a name
   5  provider DLL cannot be loaded, or is no COM server
