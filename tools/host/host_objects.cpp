@@ -37,7 +37,6 @@ std::wstring IndentLines(std::wstring text)
     return result;
 }
 
-constexpr ULONG kInfoLevel = 0x4;
 // The provider's info line for a metric it created, around the metric's name.
 constexpr wchar_t kCreatedPrefix[] = L"created metric '";
 constexpr wchar_t kCreatedSuffix[] = L"'.";
@@ -49,7 +48,7 @@ STDMETHODIMP ConsoleLogger::GetCategoryLevels(LPCWSTR, ULONG* levels)
     if (levels == nullptr) {
         return E_POINTER;
     }
-    *levels = levels_ | (watching_ ? kInfoLevel : 0);
+    *levels = levels_ | (watching_ ? kLevelInfo : 0);
     return S_OK;
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "host_com_object.h"
+#include "options.h"
 
 #include <agent.h>
 
@@ -22,9 +23,9 @@ public:
 
     STDMETHODIMP HostReserved1() override { return E_NOTIMPL; }
     STDMETHODIMP GetCategoryLevels(LPCWSTR category, ULONG* levels) override;
-    STDMETHODIMP LogError(BSTR category, BSTR text) override { return Print(0x1, L"error", category, text); }
-    STDMETHODIMP LogWarning(BSTR category, BSTR text) override { return Print(0x2, L"warning", category, text); }
-    STDMETHODIMP LogInfo(BSTR category, BSTR text) override { return Print(0x4, L"info", category, text); }
+    STDMETHODIMP LogError(BSTR category, BSTR text) override { return Print(kLevelError, L"error", category, text); }
+    STDMETHODIMP LogWarning(BSTR category, BSTR text) override { return Print(kLevelWarning, L"warning", category, text); }
+    STDMETHODIMP LogInfo(BSTR category, BSTR text) override { return Print(kLevelInfo, L"info", category, text); }
 
     // The provider takes an unknown metric name with success and without a word; only its
     // info line "created metric '...'." tells a name it took. While watching, the provider
