@@ -193,7 +193,8 @@ TEST_F(SimTest, ChannelConfigAndOneEventQuery)
     EXPECT_EQ(DWORD{ERROR_NO_MORE_ITEMS}, queryError(channel_.c_str(), L"*[System[(EventID=1)]]"));
     EXPECT_EQ(DWORD{ERROR_EVT_CHANNEL_NOT_FOUND}, queryError(L"No Such Channel", L"*"));
     EXPECT_EQ(DWORD{ERROR_EVT_INVALID_QUERY}, queryError(channel_.c_str(), L"*[System[EventID=]]"));
-    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, queryError(channel_.c_str(), L"*", EvtQueryChannelPath | EvtQueryFilePath));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER},
+              queryError(channel_.c_str(), L"*", EvtQueryChannelPath | EvtQueryFilePath));
     EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, queryError(channel_.c_str(), L"*", EvtQueryReverseDirection));
     EXPECT_EQ(DWORD{ERROR_NOT_SUPPORTED}, queryError(nullptr, L"*"));
     EVT_HANDLE event = nullptr;

@@ -83,7 +83,8 @@ TEST_F(HostErrors, UsageErrorsExitWithTwo)
          L"--dll and --progid exclude each other" + help},
         {{L"--once"}, kUsage, L"no configuration file: give --config FILE" + help},
         {{L"--config", config_, L"stray"}, kUsage, L"unexpected argument 'stray'" + help},
-        {{L"--config", config_, L"--once", L"--interval", L"5"}, kUsage, L"--once and --interval exclude each other" + help},
+        {{L"--config", config_, L"--once", L"--interval", L"5"}, kUsage,
+         L"--once and --interval exclude each other" + help},
         {{L"--register-tlb", config_ + L".tlb"}, kRunFailed,
          L"cannot load the type library '" + config_ + L".tlb': file not found"},
     });
@@ -117,7 +118,8 @@ TEST_F(HostErrors, ConfigurationMissingOrMalformed)
     Expect({
         {{L"--config", absent, L"--once"}, kConfigMissing, L"cannot read " + file(absent) + L": *"},
         {{L"--config", unclosed, L"--once"}, kConfigMalformed,
-         file(unclosed) + L" is not well-formed XML at line 2, column *: Opening and ending tag mismatch: metric line 2 and metrics"},
+         file(unclosed) +
+             L" is not well-formed XML at line 2, column *: Opening and ending tag mismatch: metric line 2 and metrics"},
         {{L"--config", none, L"--once"}, kConfigMalformed, file(none) + L" has no <metric> element"},
         {{L"--config", foreign, L"--once"}, kConfigMalformed,
          file(foreign) + L" has an element <metrics> where only <metric> may stand"},
