@@ -47,6 +47,7 @@ public:
 
     // Starts a cycle: forgets the Tesseras and the search, locates the log
     // folder and remembers the log's present size (0 when it does not exist yet).
+    // When it throws, nothing has changed.
     bool PrepareCollectLog();
 
     // Replaces the collected text with everything appended since
@@ -58,7 +59,7 @@ public:
     bool FindLoginResponse();
 
     // Appends every mount entry of text from start on, in text order.
-    // Nothing here fails but allocation; always true.
+    // Nothing here fails but allocation, which adds none; always true.
     bool ParseMountedTesseras(const std::wstring& text, size_t start);
 
     // The Tesseras found since PrepareCollectLog, in the order found.
@@ -69,9 +70,9 @@ public:
     DWORD BeginSize() const noexcept { return beginSize_; }
 
 private:
-    bool FindLogDirectory();
+    bool FindLogDirectory(std::wstring& directory);
     bool OpenServiceKey(HKEY* key);
-    bool QueryImagePath(HKEY key);
+    bool QueryImagePath(HKEY key, std::wstring& directory);
     unique_file OpenLogFile(const std::wstring& path, DWORD& error);
     bool GetLogFileSize(HANDLE file, DWORD& size);
     bool SetReadPosition(HANDLE file, DWORD offset);
