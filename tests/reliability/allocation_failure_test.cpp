@@ -20,6 +20,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <new>
 #include <string>
@@ -28,8 +29,8 @@
 namespace {
 
 // The hook: this executable's global allocation functions (the provider's core
-// is linked in statically). Armed, they count the allocations of the thread
-// under test and fail the chosen one.
+// is linked in statically) and its imports of the system's. Armed, they count
+// the allocations of the thread under test and fail the chosen one.
 enum class Target { None, ThisThread, OtherThreads };
 std::atomic<Target> g_target{Target::None};
 std::atomic<DWORD> g_thread{0};
@@ -38,11 +39,16 @@ std::atomic<long> g_failAt{0};
 std::atomic<long> g_live{0};    // blocks not yet freed, on every thread
 thread_local int t_inHost = 0;  // inside a host double: its bookkeeping is not the provider's
 
-void* Allocate(std::size_t size) noexcept
+bool FailsHere() noexcept
 {
     const Target target = g_target.load();
-    if (target != Target::None && t_inHost == 0 &&
-        (::GetCurrentThreadId() == g_thread.load()) == (target == Target::ThisThread) && ++g_counted == g_failAt) {
+    return target != Target::None && t_inHost == 0 &&
+           (::GetCurrentThreadId() == g_thread.load()) == (target == Target::ThisThread) && ++g_counted == g_failAt;
+}
+
+void* Allocate(std::size_t size) noexcept
+{
+    if (FailsHere()) {
         return nullptr;
     }
     void* block = std::malloc(size == 0 ? 1 : size);
@@ -54,6 +60,45 @@ void Free(void* block) noexcept
 {
     g_live -= block != nullptr ? 1 : 0;
     std::free(block);
+}
+
+// The system allocations the provider makes itself (BSTRs, its own heap's
+// blocks) count too: this executable's imports of them are redirected.
+template <typename Function>
+Function RedirectImport(const char* module, const char* name, Function replacement)
+{
+    auto* base = reinterpret_cast<BYTE*>(::GetModuleHandleW(nullptr));
+    const auto* dos = reinterpret_cast<IMAGE_DOS_HEADER*>(base);
+    const auto* headers = reinterpret_cast<IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
+    const DWORD imports = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
+    for (auto* dll = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + imports); dll->Name != 0; ++dll) {
+        auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + dll->OriginalFirstThunk);
+        auto* slot = reinterpret_cast<IMAGE_THUNK_DATA*>(base + dll->FirstThunk);
+        for (; _stricmp(reinterpret_cast<char*>(base + dll->Name), module) == 0 && names->u1.AddressOfData != 0;
+             ++names, ++slot) {
+            if (!IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal) &&
+                std::strcmp(reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name, name) == 0) {
+                DWORD protection = 0;
+                ::VirtualProtect(&slot->u1.Function, sizeof(slot->u1.Function), PAGE_READWRITE, &protection);
+                const auto original = reinterpret_cast<Function>(slot->u1.Function);
+                slot->u1.Function = reinterpret_cast<ULONG_PTR>(replacement);
+                ::VirtualProtect(&slot->u1.Function, sizeof(slot->u1.Function), protection, &protection);
+                return original;
+            }
+        }
+    }
+    return nullptr;
+}
+
+decltype(&::SysAllocStringLen) g_sysAllocStringLen = nullptr;
+decltype(&::HeapAlloc) g_heapAlloc = nullptr;
+BSTR WINAPI CountedSysAllocStringLen(const OLECHAR* text, UINT length)
+{
+    return FailsHere() ? nullptr : g_sysAllocStringLen(text, length);
+}
+LPVOID WINAPI CountedHeapAlloc(HANDLE heap, DWORD flags, SIZE_T size)
+{
+    return FailsHere() ? nullptr : g_heapAlloc(heap, flags, size);
 }
 
 }  // namespace
@@ -70,6 +115,8 @@ void operator delete(void* block) noexcept { Free(block); }
 void operator delete[](void* block) noexcept { Free(block); }
 void operator delete(void* block, std::size_t) noexcept { Free(block); }
 void operator delete[](void* block, std::size_t) noexcept { Free(block); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { Free(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { Free(block); }
 
 namespace zeph {
 namespace {
@@ -423,6 +470,9 @@ TEST(AllocationFailureTest, EveryAllocationOfEveryEntryPointFailsCleanly)
         ASSERT_EQ(::LoadTypeLibEx(path.c_str(), REGKIND_NONE, &library), S_OK);
         ASSERT_EQ(::RegisterTypeLib(library.Get(), path.data(), nullptr), S_OK);
     }
+    g_sysAllocStringLen = RedirectImport("oleaut32.dll", "SysAllocStringLen", &CountedSysAllocStringLen);
+    g_heapAlloc = RedirectImport("kernel32.dll", "HeapAlloc", &CountedHeapAlloc);
+    ASSERT_TRUE(g_sysAllocStringLen && g_heapAlloc);
     const Configs configs;
     const ULONG configReferences = ReferencesOf(configs.crashes.Get());
 
