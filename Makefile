@@ -63,7 +63,7 @@ coverage: deps
 	@[ -f $(BUILD_COVERAGE)/CMakeCache.txt ] || cmake -S . -B $(BUILD_COVERAGE) \
 	  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DCMAKE_BUILD_TYPE=Debug \
 	  "-DCMAKE_C_FLAGS=$(COVERAGE_FLAGS)" "-DCMAKE_CXX_FLAGS=$(COVERAGE_FLAGS)" \
-	  -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage
+	  "-DCMAKE_EXE_LINKER_FLAGS=-static --coverage" "-DCMAKE_SHARED_LINKER_FLAGS=-static --coverage"
 	find $(BUILD_COVERAGE) -name '*.gcda' -delete
 	$(MAKE) --no-print-directory prefix BUILD=$(BUILD_COVERAGE)
 	cmake --build $(BUILD_COVERAGE) -j $(JOBS)
