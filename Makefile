@@ -1,17 +1,20 @@
 # The two commands: `make demo` and `make test`. Both install what is missing,
 # build, and run everything under Wine in a prefix inside the build tree.
-BUILD     ?= build
+# The CMake presets (CMakePresets.json) say how each compiler configures:
+# "mingw" (GCC, into build/, the build that runs) and "clang" (into build-clang/,
+# built with warnings as errors too, never run).
+BUILD     := build
 JOBS      ?= $(shell nproc)
 WINEPREFIX_DIR := $(abspath $(BUILD))/wineprefix
 WINE_ENV  := WINEPREFIX=$(WINEPREFIX_DIR) WINEDEBUG=-all WINEARCH=win64
 
 # Debian packages the build needs, and a file or command that shows each is there.
-PACKAGES  := g++-mingw-w64-x86-64-posix mingw-w64-tools libwine-dev wine64 wine cmake googletest
+PACKAGES  := g++-mingw-w64-x86-64-posix mingw-w64-tools libwine-dev wine64 wine cmake googletest clang lld
 NEEDED    := /usr/bin/x86_64-w64-mingw32-g++-posix /usr/bin/x86_64-w64-mingw32-widl \
              /usr/include/wine/wine/windows/oaidl.idl /usr/bin/wine /usr/bin/cmake \
-             /usr/src/googletest/CMakeLists.txt
+             /usr/src/googletest/CMakeLists.txt /usr/bin/clang++ /usr/bin/ld.lld
 
-.PHONY: all deps configure build prefix test demo replay bench coverage clean
+.PHONY: all deps configure build build-clang prefix test demo replay bench coverage clean
 
 all: build
 
@@ -25,11 +28,15 @@ deps:
 	fi
 
 configure: deps
-	@[ -f $(BUILD)/CMakeCache.txt ] || cmake -S . -B $(BUILD) \
-	  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	@[ -f $(BUILD)/CMakeCache.txt ] || cmake --preset mingw
 
 build: configure
-	cmake --build $(BUILD) -j $(JOBS)
+	cmake --build --preset mingw -j $(JOBS)
+
+# The second compiler: everything built, warnings as errors, nothing run.
+build-clang: deps
+	@[ -f build-clang/CMakeCache.txt ] || cmake --preset clang
+	cmake --build --preset clang -j $(JOBS)
 
 prefix: configure
 	@if [ ! -f $(WINEPREFIX_DIR)/system.reg ]; then \
@@ -40,39 +47,34 @@ prefix: configure
 
 # A persistent wineserver makes each Wine start take about a second instead of several;
 # it goes away by itself shortly after the last test.
-test: build prefix
+test: build build-clang prefix
 	@$(WINE_ENV) wineserver -p10 </dev/null >/dev/null 2>&1
-	cd $(BUILD) && ctest --output-on-failure --timeout 900 -j 2
+	ctest --preset mingw
 
 bench: build prefix
 	@$(WINE_ENV) wineserver -p10 </dev/null >/dev/null 2>&1
 	$(BUILD)/wine-run $(BUILD)/bin/zeph-bench.exe --json $(BUILD)/bench.json
 
-# Line and branch coverage of the whole suite: a build of its own with gcov
-# instrumentation (atomic counters: events arrive on other threads), every test
-# run under Wine, one at a time (the test programs share the core's counter
-# files), then a per-folder summary by gcovr through the MinGW gcov. The
-# report with the lines not covered goes to BUILD_COVERAGE/coverage.txt.
-BUILD_COVERAGE ?= build-coverage
-COVERAGE_FLAGS := --coverage -fprofile-update=atomic
+# Line and branch coverage of the whole suite: a build of its own (preset
+# "coverage", into build-coverage/, with gcov counters), every test run under
+# Wine one at a time (the test programs share the core's counter files), then a
+# per-folder summary by gcovr through the MinGW gcov. The report with the lines
+# not covered goes to build-coverage/coverage.txt.
 coverage: deps
 	@command -v gcovr >/dev/null 2>&1 || { \
 	  echo "== installing gcovr"; SUDO=""; [ "$$(id -u)" = 0 ] || SUDO=sudo; \
 	  $$SUDO apt-get update -q && \
 	  DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -q --no-install-recommends gcovr; }
-	@[ -f $(BUILD_COVERAGE)/CMakeCache.txt ] || cmake -S . -B $(BUILD_COVERAGE) \
-	  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DCMAKE_BUILD_TYPE=Debug \
-	  "-DCMAKE_C_FLAGS=$(COVERAGE_FLAGS)" "-DCMAKE_CXX_FLAGS=$(COVERAGE_FLAGS)" \
-	  "-DCMAKE_EXE_LINKER_FLAGS=-static --coverage" "-DCMAKE_SHARED_LINKER_FLAGS=-static --coverage"
-	find $(BUILD_COVERAGE) -name '*.gcda' -delete
-	$(MAKE) --no-print-directory prefix BUILD=$(BUILD_COVERAGE)
-	cmake --build $(BUILD_COVERAGE) -j $(JOBS)
-	@WINEPREFIX=$(abspath $(BUILD_COVERAGE))/wineprefix WINEDEBUG=-all wineserver -p10 </dev/null >/dev/null 2>&1
-	cd $(BUILD_COVERAGE) && ctest --timeout 900 -j 1 > ctest.log; status=$$?; tail -n 3 ctest.log; \
-	cd .. && gcovr --gcov-executable x86_64-w64-mingw32-gcov -r . $(BUILD_COVERAGE) \
+	@[ -f build-coverage/CMakeCache.txt ] || cmake --preset coverage
+	find build-coverage -name '*.gcda' -delete
+	$(MAKE) --no-print-directory prefix BUILD=build-coverage
+	cmake --build --preset coverage -j $(JOBS)
+	@WINEPREFIX=$(abspath build-coverage)/wineprefix WINEDEBUG=-all wineserver -p10 </dev/null >/dev/null 2>&1
+	cd build-coverage && ctest --timeout 900 -j 1 > ctest.log; status=$$?; tail -n 3 ctest.log; \
+	cd .. && gcovr --gcov-executable x86_64-w64-mingw32-gcov -r . build-coverage \
 	  --filter src/ --filter tools/ --exclude-throw-branches --exclude-unreachable-branches \
-	  --json-summary $(BUILD_COVERAGE)/coverage.json --txt $(BUILD_COVERAGE)/coverage.txt && \
-	python3 cmake/coverage-summary.py $(BUILD_COVERAGE)/coverage.json && exit $$status
+	  --json-summary build-coverage/coverage.json --txt build-coverage/coverage.txt && \
+	python3 cmake/coverage-summary.py build-coverage/coverage.json && exit $$status
 
 # The demo prepares a Wine prefix of its own (BUILD/demo-prefix), apart from the tests'.
 demo: build
@@ -91,4 +93,4 @@ replay: build
 	bash demo/run.sh $(BUILD) --evtx "$(EVTX)"
 
 clean:
-	rm -rf $(BUILD)
+	rm -rf $(BUILD) build-clang build-coverage

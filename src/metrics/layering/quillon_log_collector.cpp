@@ -1,7 +1,7 @@
-#include "quillon_log_collector.h"
+#include "layering/quillon_log_collector.h"
 
-#include "code_unit_search.h"
-#include "logging.h"
+#include "metric/logging.h"
+#include "win/code_unit_search.h"
 
 #include <algorithm>
 #include <iterator>
@@ -342,8 +342,8 @@ bool CQuillonLogCollector::FindLoginResponse()
         responseSearched_ = true;
         return false;
     }
-    // Mount lines before the answer belong to an earlier log-on.
-    ParseMountedTesseras(collectedText_, response + std::size(kLoginResponse) - 1);
+    // Mount lines before the answer belong to an earlier log-on. (Always true.)
+    (void)ParseMountedTesseras(collectedText_, response + std::size(kLoginResponse) - 1);
     responseSearched_ = true;
     return true;
 }
