@@ -5,11 +5,11 @@
 // result the host gets, that the metric works again once allocation does,
 // that the crash pending before is reported exactly once, that every host
 // reference and event log handle comes back, and that no block outlives it.
-#include "app_crash_metric.h"
-#include "class_factory.h"
+#include "appcrash/app_crash_metric.h"
+#include "com/class_factory.h"
 #include "config_element.h"
 #include "module_env.h"
-#include "provider.h"
+#include "provider/provider.h"
 #include "recording_sink.h"
 #include "reliability_host.h"
 #include "simulated_event_log.h"
