@@ -58,8 +58,9 @@ bench: build prefix
 # Line and branch coverage of the whole suite: a build of its own (preset
 # "coverage", into build-coverage/, with gcov counters), every test run under
 # Wine one at a time (the test programs share the core's counter files), then a
-# per-folder summary by gcovr through the MinGW gcov. The report with the lines
-# not covered goes to build-coverage/coverage.txt.
+# per-folder summary by gcovr through the MinGW gcov (over the objects the run
+# wrote counters for: notes files left by sources since moved would clash). The
+# report with the lines not covered goes to build-coverage/coverage.txt.
 coverage: deps
 	@command -v gcovr >/dev/null 2>&1 || { \
 	  echo "== installing gcovr"; SUDO=""; [ "$$(id -u)" = 0 ] || SUDO=sudo; \
@@ -71,7 +72,9 @@ coverage: deps
 	cmake --build --preset coverage -j $(JOBS)
 	@WINEPREFIX=$(abspath build-coverage)/wineprefix WINEDEBUG=-all wineserver -p10 </dev/null >/dev/null 2>&1
 	cd build-coverage && ctest --timeout 900 -j 1 > ctest.log; status=$$?; tail -n 3 ctest.log; \
-	cd .. && gcovr --gcov-executable x86_64-w64-mingw32-gcov -r . build-coverage \
+	cd .. && for notes in $$(find build-coverage -name '*.gcno'); do \
+	  [ -f "$${notes%.gcno}.gcda" ] || rm "$$notes"; done && \
+	gcovr --gcov-executable x86_64-w64-mingw32-gcov -r . build-coverage \
 	  --filter src/ --filter tools/ --exclude-throw-branches --exclude-unreachable-branches \
 	  --json-summary build-coverage/coverage.json --txt build-coverage/coverage.txt && \
 	python3 cmake/coverage-summary.py build-coverage/coverage.json && exit $$status
