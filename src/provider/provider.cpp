@@ -49,8 +49,12 @@ STDMETHODIMP CProvider::SubscribeMetric(BSTR name, IUnknown* config)
             LogFailure(logger_.Get(), subscribed, kSubscribeFailed, name);
             return subscribed;
         }
+        // The table's entry is made before the line that announces it, so
+        // that an allocation failure leaves neither the line nor the entry.
+        MetricTable entry;
+        entry.emplace(key, std::move(metric));
         Log(logger_.Get(), LogLevel::Info, kSubscribed, name);
-        metrics_[key] = std::move(metric);
+        metrics_.insert(entry.extract(entry.begin()));
         return S_OK;
     });
 }

@@ -113,8 +113,10 @@ bool CAppCrashMetric::QueryHostName()
         LogFailure(Logger(), HResultFromWin32(static_cast<long>(::GetLastError())), kNameFailed);
         return false;
     }
-    hostNameText_ = kHostNamePrefix;
-    hostNameText_ += buffer.get();
+    // Built aside: a half-built text would pass for a known name from then on.
+    std::wstring text = kHostNamePrefix;
+    text += buffer.get();
+    hostNameText_ = std::move(text);
     return true;
 }
 

@@ -73,54 +73,63 @@ CQuillonLogCollector::CQuillonLogCollector(IProviderLogger* logger) : logger_(lo
 bool CQuillonLogCollector::PrepareCollectLog()
 {
     Log(logger_.Get(), LogLevel::Info, kPrepareCollectLog);
+    // Everything that may fail for want of memory comes before the cycle's
+    // state changes: a log-on that cannot be prepared leaves the last one as it was.
+    std::wstring directory;
+    const bool found = FindLogDirectory(directory);
+    DWORD error = ERROR_SUCCESS;
+    DWORD size = 0;
+    bool gotSize = false;
+    unique_file file;
+    if (found) {
+        file = OpenLogFile(directory + kLogFileName, error);
+        gotSize = file && GetLogFileSize(file.get(), size);
+        if (gotSize) {
+            Log(logger_.Get(), LogLevel::Info, kGotLogFileSize, AsLogNumber(size));
+        }
+    }
+
     std::vector<std::wstring>().swap(tesseraBlocks_);
     std::deque<TesseraSpan>().swap(tesseraSpans_);
     responseSearched_ = false;
-
-    if (!FindLogDirectory()) {
+    if (!found) {
         return false;
     }
+    logDirectory_.swap(directory);
     collectedText_.clear();
-
-    DWORD error = ERROR_SUCCESS;
-    const unique_file file = OpenLogFile(logDirectory_ + kLogFileName, error);
-    if (!file) {
-        if (error == ERROR_FILE_NOT_FOUND) {
-            // A log that does not exist yet is read from its start later.
-            beginSize_ = 0;
-            return true;
-        }
-        return false;
+    if (!file && error == ERROR_FILE_NOT_FOUND) {
+        // A log that does not exist yet is read from its start later.
+        beginSize_ = 0;
+        return true;
     }
-    const bool gotSize = GetLogFileSize(file.get(), beginSize_);
     if (gotSize) {
-        Log(logger_.Get(), LogLevel::Info, kGotLogFileSize, AsLogNumber(beginSize_));
+        beginSize_ = size;
     }
     return gotSize;
 }
 
-bool CQuillonLogCollector::FindLogDirectory()
+bool CQuillonLogCollector::FindLogDirectory(std::wstring& directory)
 {
     {
         unique_hkey key;
         if (!OpenServiceKey(key.put())) {
             return false;
         }
-        if (!QueryImagePath(key.get())) {
+        if (!QueryImagePath(key.get(), directory)) {
             return false;
         }
     }
-    Log(logger_.Get(), LogLevel::Info, kImagePath, logDirectory_.c_str());
+    Log(logger_.Get(), LogLevel::Info, kImagePath, directory.c_str());
 
     // The image path may be quoted (it contains blanks); the quotes are no
     // part of the folder.
-    std::erase(logDirectory_, L'"');
-    const size_t lastSeparator = logDirectory_.rfind(L'\\');
+    std::erase(directory, L'"');
+    const size_t lastSeparator = directory.rfind(L'\\');
     if (lastSeparator != std::wstring::npos) {
-        logDirectory_.erase(lastSeparator);
+        directory.erase(lastSeparator);
     }
-    logDirectory_ += kLogFolder;
-    Log(logger_.Get(), LogLevel::Info, kLogPath, logDirectory_.c_str());
+    directory += kLogFolder;
+    Log(logger_.Get(), LogLevel::Info, kLogPath, directory.c_str());
     return true;
 }
 
@@ -134,7 +143,7 @@ bool CQuillonLogCollector::OpenServiceKey(HKEY* key)
     return true;
 }
 
-bool CQuillonLogCollector::QueryImagePath(HKEY key)
+bool CQuillonLogCollector::QueryImagePath(HKEY key, std::wstring& directory)
 {
     // Neither the value's type is looked at nor an expandable value expanded:
     // the service installs a plain path.
@@ -147,7 +156,7 @@ bool CQuillonLogCollector::QueryImagePath(HKEY key)
         return false;
     }
     Log(logger_.Get(), LogLevel::Info, kImagePath, buffer.data());
-    logDirectory_ = buffer.data();
+    directory = buffer.data();
     return true;
 }
 
@@ -325,26 +334,37 @@ bool CQuillonLogCollector::FindLoginResponse()
         responseSearched_ = true;
         return false;
     }
+    // Searched only once the search is through: one that failed for want of
+    // memory is tried again with the next all-done event.
     const size_t response = FindText(collectedText_, kLoginResponse);
-    responseSearched_ = true;
     if (response == std::wstring::npos) {
         Log(logger_.Get(), LogLevel::Error, kLoginResponseNotFound);
+        responseSearched_ = true;
         return false;
     }
     // Mount lines before the answer belong to an earlier log-on. (Always true.)
     (void)ParseMountedTesseras(collectedText_, response + std::size(kLoginResponse) - 1);
+    responseSearched_ = true;
     return true;
 }
 
 bool CQuillonLogCollector::ParseMountedTesseras(const std::wstring& text, size_t start)
 {
-    std::wstring path;
-    std::wstring id;
-    size_t position = start;
-    while (ExtractMountEntry(text, position, path, id, position)) {
-        Log(logger_.Get(), LogLevel::Info, kFoundTesseraPath, path.c_str());
-        Log(logger_.Get(), LogLevel::Info, kFoundTesseraId, id.c_str());
-        AddTessera(id, path);
+    // All or nothing: a text whose entries cannot all be kept adds none, so
+    // that the service log still gets its chance.
+    const size_t kept = tesseraSpans_.size();
+    try {
+        std::wstring path;
+        std::wstring id;
+        size_t position = start;
+        while (ExtractMountEntry(text, position, path, id, position)) {
+            Log(logger_.Get(), LogLevel::Info, kFoundTesseraPath, path.c_str());
+            Log(logger_.Get(), LogLevel::Info, kFoundTesseraId, id.c_str());
+            AddTessera(id, path);
+        }
+    } catch (...) {
+        tesseraSpans_.resize(kept);
+        throw;
     }
     return true;
 }

@@ -47,6 +47,7 @@ public:
 
     // Starts a cycle: forgets the Tesseras and the search, locates the log
     // folder and remembers the log's present size (0 when it does not exist yet).
+    // When it throws, nothing has changed.
     [[nodiscard]] bool PrepareCollectLog();
 
     // Replaces the collected text with everything appended since
@@ -58,7 +59,7 @@ public:
     [[nodiscard]] bool FindLoginResponse();
 
     // Appends every mount entry of text from start on, in text order.
-    // Nothing here fails but allocation; always true.
+    // Nothing here fails but allocation, which adds none; always true.
     [[nodiscard]] bool ParseMountedTesseras(const std::wstring& text, size_t start);
 
     // The Tesseras found since PrepareCollectLog, in the order found.
@@ -69,9 +70,9 @@ public:
     DWORD BeginSize() const noexcept { return beginSize_; }
 
 private:
-    [[nodiscard]] bool FindLogDirectory();
+    [[nodiscard]] bool FindLogDirectory(std::wstring& directory);
     [[nodiscard]] bool OpenServiceKey(HKEY* key);
-    [[nodiscard]] bool QueryImagePath(HKEY key);
+    [[nodiscard]] bool QueryImagePath(HKEY key, std::wstring& directory);
     unique_file OpenLogFile(const std::wstring& path, DWORD& error);
     [[nodiscard]] bool GetLogFileSize(HANDLE file, DWORD& size);
     [[nodiscard]] bool SetReadPosition(HANDLE file, DWORD offset);

@@ -111,19 +111,21 @@ void CQuillonMetric::HandleQuillonEvent(const QuillonEvent& event)
 {
     Log(Logger(), LogLevel::Info, kAgentEvent, event.message.c_str());
 
+    // What may fail for want of memory comes before the moment is taken, so
+    // an event that cannot be handled is dropped whole.
     switch (ClassifyEventMessage(event.message)) {
     case QuillonEventKind::LogOn:
-        logonTime_ = event.timeCreated;
         // Without the log's folder or size the cycle goes on from the events alone.
         (void)collector_->PrepareCollectLog();
+        logonTime_ = event.timeCreated;
         break;
     case QuillonEventKind::LogOnResponse:
+        Log(Logger(), LogLevel::Info, kTryEventLog);
+        (void)collector_->ParseMountedTesseras(event.message, 0);  // always true
         // The first response after a log-on is the one the user waited for.
         if (logonTime_ != 0 && logonResponseTime_ == 0) {
             logonResponseTime_ = event.timeCreated;
         }
-        Log(Logger(), LogLevel::Info, kTryEventLog);
-        (void)collector_->ParseMountedTesseras(event.message, 0);  // always true
         break;
     case QuillonEventKind::VolumesReady:
         volumesReadyTime_ = event.timeCreated;
@@ -136,7 +138,6 @@ void CQuillonMetric::HandleQuillonEvent(const QuillonEvent& event)
         allDoneTime_ = 0;
         break;
     case QuillonEventKind::AllDone: {
-        allDoneTime_ = event.timeCreated;
         const TesseraList tesseras = collector_->GetTesseras();
         if (tesseras.empty()) {
             Log(Logger(), LogLevel::Info, kTryServiceLog);
@@ -145,6 +146,7 @@ void CQuillonMetric::HandleQuillonEvent(const QuillonEvent& event)
             // Over the list taken before the search, so nothing is listed here.
             LogTesseras(tesseras.begin(), tesseras.end());
         }
+        allDoneTime_ = event.timeCreated;
         break;
     }
     case QuillonEventKind::Other:
