@@ -6,12 +6,13 @@ WINEPREFIX_DIR := $(abspath $(BUILD))/wineprefix
 WINE_ENV  := WINEPREFIX=$(WINEPREFIX_DIR) WINEDEBUG=-all WINEARCH=win64
 
 # Debian packages the build needs, and a file or command that shows each is there.
-PACKAGES  := g++-mingw-w64-x86-64-posix mingw-w64-tools libwine-dev wine64 wine cmake googletest
+PACKAGES  := g++-mingw-w64-x86-64-posix mingw-w64-tools libwine-dev wine64 wine cmake googletest \
+             wixl msitools
 NEEDED    := /usr/bin/x86_64-w64-mingw32-g++-posix /usr/bin/x86_64-w64-mingw32-widl \
              /usr/include/wine/wine/windows/oaidl.idl /usr/bin/wine /usr/bin/cmake \
-             /usr/src/googletest/CMakeLists.txt
+             /usr/src/googletest/CMakeLists.txt /usr/bin/wixl /usr/bin/msiinfo
 
-.PHONY: all deps configure build prefix test demo replay bench clean
+.PHONY: all deps configure build prefix test demo replay bench msi clean
 
 all: build
 
@@ -63,6 +64,10 @@ replay: build
 	  DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -q --no-install-recommends libevtx-utils; \
 	fi
 	bash demo/run.sh $(BUILD) --evtx "$(EVTX)"
+
+# The Windows Installer package: $(BUILD)/zeph_eventlog-<version>-win64.msi (see tools/msi).
+msi: configure
+	cmake --build $(BUILD) -j $(JOBS) --target msi
 
 clean:
 	rm -rf $(BUILD)
