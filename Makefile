@@ -1,18 +1,21 @@
 # The two commands: `make demo` and `make test`. Both install what is missing,
 # build, and run everything under Wine in a prefix inside the build tree.
-BUILD     ?= build
+# The CMake presets (CMakePresets.json) say how each compiler configures:
+# "mingw" (GCC, into build/, the build that runs) and "clang" (into build-clang/,
+# built with warnings as errors too, never run).
+BUILD     := build
 JOBS      ?= $(shell nproc)
 WINEPREFIX_DIR := $(abspath $(BUILD))/wineprefix
 WINE_ENV  := WINEPREFIX=$(WINEPREFIX_DIR) WINEDEBUG=-all WINEARCH=win64
 
 # Debian packages the build needs, and a file or command that shows each is there.
-PACKAGES  := g++-mingw-w64-x86-64-posix mingw-w64-tools libwine-dev wine64 wine cmake googletest \
+PACKAGES  := g++-mingw-w64-x86-64-posix mingw-w64-tools libwine-dev wine64 wine cmake googletest clang lld \
              wixl msitools
 NEEDED    := /usr/bin/x86_64-w64-mingw32-g++-posix /usr/bin/x86_64-w64-mingw32-widl \
              /usr/include/wine/wine/windows/oaidl.idl /usr/bin/wine /usr/bin/cmake \
-             /usr/src/googletest/CMakeLists.txt /usr/bin/wixl /usr/bin/msiinfo
+             /usr/src/googletest/CMakeLists.txt /usr/bin/clang++ /usr/bin/ld.lld /usr/bin/wixl /usr/bin/msiinfo
 
-.PHONY: all deps configure build prefix test demo replay bench msi clean
+.PHONY: all deps configure build build-clang prefix test demo replay bench msi clean
 
 all: build
 
@@ -26,11 +29,15 @@ deps:
 	fi
 
 configure: deps
-	@[ -f $(BUILD)/CMakeCache.txt ] || cmake -S . -B $(BUILD) \
-	  -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	@[ -f $(BUILD)/CMakeCache.txt ] || cmake --preset mingw
 
 build: configure
-	cmake --build $(BUILD) -j $(JOBS)
+	cmake --build --preset mingw -j $(JOBS)
+
+# The second compiler: everything built, warnings as errors, nothing run.
+build-clang: deps
+	@[ -f build-clang/CMakeCache.txt ] || cmake --preset clang
+	cmake --build --preset clang -j $(JOBS)
 
 prefix: configure
 	@if [ ! -f $(WINEPREFIX_DIR)/system.reg ]; then \
@@ -41,9 +48,9 @@ prefix: configure
 
 # A persistent wineserver makes each Wine start take about a second instead of several;
 # it goes away by itself shortly after the last test.
-test: build prefix
+test: build build-clang prefix
 	@$(WINE_ENV) wineserver -p10 </dev/null >/dev/null 2>&1
-	cd $(BUILD) && ctest --output-on-failure --timeout 900 -j 2
+	ctest --preset mingw
 
 bench: build prefix
 	@$(WINE_ENV) wineserver -p10 </dev/null >/dev/null 2>&1
@@ -67,7 +74,7 @@ replay: build
 
 # The Windows Installer package: $(BUILD)/zeph_eventlog-<version>-win64.msi (see tools/msi).
 msi: configure
-	cmake --build $(BUILD) -j $(JOBS) --target msi
+	cmake --build --preset mingw -j $(JOBS) --target msi
 
 clean:
-	rm -rf $(BUILD)
+	rm -rf $(BUILD) build-clang

@@ -2,7 +2,7 @@
 // answer exactly as std::wstring_view::find does, wherever the match falls
 // relative to the eight-unit chunks (first lane, last lane, the tail after
 // the last whole chunk) and for every start position, including the end.
-#include "code_unit_search.h"
+#include "win/code_unit_search.h"
 
 #include <gtest/gtest.h>
 

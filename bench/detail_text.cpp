@@ -2,8 +2,8 @@
 // text, about one line break in every five characters (a megabyte holds about
 // a hundred thousand), against a plain copy of the same text.
 
+#include "appcrash/crash_text.h"
 #include "benchmarks.h"
-#include "crash_text.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -4,7 +4,7 @@
 
 #include "bare_subscriber.h"
 #include "benchmarks.h"
-#include "eventlog_sim.h"
+#include "eventlog-sim/eventlog_sim.h"
 #include "scenario.h"
 
 #include <cstdio>

@@ -3,7 +3,7 @@
 // as little as an interface call allows, so what is measured is the caller.
 #pragma once
 
-#include "ref_counted_object.h"
+#include "com/ref_counted_object.h"
 
 #include <agent.h>
 

@@ -11,7 +11,7 @@
 #include "bare_subscriber.h"
 #include "benchmarks.h"
 #include "child_process.h"
-#include "eventlog_sim.h"
+#include "eventlog-sim/eventlog_sim.h"
 #include "scenario.h"
 
 #include <psapi.h>

@@ -3,8 +3,8 @@
 // value per crash, each with its key and instance BSTRs and a VT_BSTR VARIANT
 // that is cleared after the call.
 
+#include "appcrash/crash_text.h"
 #include "benchmarks.h"
-#include "crash_text.h"
 #include "scenario.h"
 
 #include <oleauto.h>

@@ -1,9 +1,9 @@
 #include "scenario.h"
 
-#include "com_object.h"
-#include "com_strings.h"
-#include "eventlog_sim.h"
-#include "provider.h"
+#include "com/com_object.h"
+#include "eventlog-sim/eventlog_sim.h"
+#include "provider/provider.h"
+#include "win/com_strings.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -5,7 +5,7 @@
 
 #include "host_doubles.h"
 
-#include "xml_dom.h"
+#include "win/xml_dom.h"
 
 #include <agent.h>
 #include <windows.h>

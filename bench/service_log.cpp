@@ -6,10 +6,10 @@
 // token.
 
 #include "benchmarks.h"
-#include "code_unit_search.h"
 #include "host_doubles.h"
-#include "quillon_log_collector.h"
+#include "layering/quillon_log_collector.h"
 #include "scenario.h"
+#include "win/code_unit_search.h"
 
 #include <objbase.h>
 

@@ -10,14 +10,13 @@
 // Threads: any; the reference count is atomic and the factory has no other state.
 #pragma once
 
-#include "com_object.h"
-#include "hresult.h"
-#include "module_lock.h"
+#include "com/com_object.h"
+#include "com/module_lock.h"
+#include "com/unknown_core.h"
+#include "win/hresult.h"
 
 #include <windows.h>
 #include <unknwn.h>
-
-#include <atomic>
 
 namespace zeph {
 
@@ -32,23 +31,14 @@ public:
 
     STDMETHODIMP QueryInterface(REFIID riid, void** object) override
     {
-        if (object == nullptr) {
-            return E_POINTER;
-        }
-        if (riid == IID_IUnknown || riid == IID_IClassFactory) {
-            *object = static_cast<IClassFactory*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = nullptr;
-        return E_NOINTERFACE;
+        return QueryInterfaceOf<InterfaceList<IClassFactory>>(this, riid, object);
     }
 
     // The first outside reference locks the module, the last one unlocks it;
     // the object itself is never deleted.
     STDMETHODIMP_(ULONG) AddRef() override
     {
-        const ULONG count = ++references_;
+        const ULONG count = references_.AddRef();
         if (count == 1) {
             LockModule();
         }
@@ -56,7 +46,7 @@ public:
     }
     STDMETHODIMP_(ULONG) Release() override
     {
-        const ULONG count = --references_;
+        const ULONG count = references_.Release();
         if (count == 0) {
             UnlockModule();
         }
@@ -69,7 +59,7 @@ public:
             return E_POINTER;
         }
         *object = nullptr;
-        return ComBarrier([&] {
+        return ComBarrier([&]() -> HRESULT {
             return outer != nullptr ? ComAggObject<T>::Create(outer, riid, object)
                                     : ComObject<T>::Create(riid, object);
         });
@@ -88,7 +78,7 @@ public:
 private:
     ClassFactory() = default;
 
-    std::atomic<ULONG> references_{0};
+    ReferenceCount references_{0};
 };
 
 }  // namespace zeph

@@ -1,21 +1,20 @@
-// Reference counting and QueryInterface for the DLL's COM classes.
+// The DLL's COM classes on the IUnknown core (unknown_core.h), with a module
+// lock held for every object's lifetime.
 //
 // An implementation class T derives from its interfaces, leaves IUnknown's
-// methods abstract, and provides
-//     void* QueryInterfaceImpl(REFIID riid) noexcept;
-// returning the interface pointer for riid (without AddRef) or null.
+// methods abstract, and names the interfaces it answers for:
+//     using Interfaces = InterfaceList<IMostDerived, IBase, ...>;
 // ComObject<T> is the plain object; ComAggObject<T> is the aggregated one,
 // whose inner unknown this is and whose T forwards IUnknown to the outer
-// object. Both hold a module lock for their lifetime. Reference counts are
-// atomic: the objects may be used from any thread.
+// object. Reference counts are atomic: the objects may be used from any thread.
 #pragma once
 
-#include "module_lock.h"
+#include "com/module_lock.h"
+#include "com/unknown_core.h"
 
 #include <windows.h>
 #include <unknwn.h>
 
-#include <atomic>
 #include <new>
 #include <utility>
 
@@ -33,20 +32,12 @@ public:
 
     STDMETHODIMP QueryInterface(REFIID riid, void** object) override
     {
-        if (object == nullptr) {
-            return E_POINTER;
-        }
-        *object = this->QueryInterfaceImpl(riid);
-        if (*object == nullptr) {
-            return E_NOINTERFACE;
-        }
-        AddRef();
-        return S_OK;
+        return QueryInterfaceOf<typename T::Interfaces>(static_cast<T*>(this), riid, object);
     }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+    STDMETHODIMP_(ULONG) AddRef() override { return references_.AddRef(); }
     STDMETHODIMP_(ULONG) Release() override
     {
-        const ULONG remaining = --references_;
+        const ULONG remaining = references_.Release();
         if (remaining == 0) {
             delete this;
         }
@@ -54,7 +45,7 @@ public:
     }
 
     // Creates an object and returns riid on it; the object goes again if that fails.
-    static HRESULT Create(REFIID riid, void** object)
+    [[nodiscard]] static HRESULT Create(REFIID riid, void** object)
     {
         if (object == nullptr) {
             return E_POINTER;
@@ -71,7 +62,7 @@ public:
     }
 
 private:
-    std::atomic<ULONG> references_{0};
+    ReferenceCount references_{0};
 };
 
 template <typename T>
@@ -80,27 +71,19 @@ public:
     explicit ComAggObject(IUnknown* outer) : contained_(outer) { LockModule(); }
     virtual ~ComAggObject() { UnlockModule(); }
 
+    // IUnknown is the inner unknown itself; every other interface is T's,
+    // counted on the outer object.
     STDMETHODIMP QueryInterface(REFIID riid, void** object) override
     {
-        if (object == nullptr) {
-            return E_POINTER;
+        if (riid == __uuidof(IUnknown)) {
+            return QueryInterfaceOf<InterfaceList<IUnknown>>(static_cast<IUnknown*>(this), riid, object);
         }
-        if (riid == IID_IUnknown) {
-            *object = static_cast<IUnknown*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = contained_.QueryInterfaceImpl(riid);
-        if (*object == nullptr) {
-            return E_NOINTERFACE;
-        }
-        static_cast<IUnknown*>(*object)->AddRef();  // counted on the outer object
-        return S_OK;
+        return QueryInterfaceOf<typename T::Interfaces>(static_cast<T*>(&contained_), riid, object);
     }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+    STDMETHODIMP_(ULONG) AddRef() override { return references_.AddRef(); }
     STDMETHODIMP_(ULONG) Release() override
     {
-        const ULONG remaining = --references_;
+        const ULONG remaining = references_.Release();
         if (remaining == 0) {
             delete this;
         }
@@ -108,13 +91,13 @@ public:
     }
 
     // With an outer object only IUnknown may be asked for: the inner unknown.
-    static HRESULT Create(IUnknown* outer, REFIID riid, void** object)
+    [[nodiscard]] static HRESULT Create(IUnknown* outer, REFIID riid, void** object)
     {
         if (object == nullptr) {
             return E_POINTER;
         }
         *object = nullptr;
-        if (outer == nullptr || riid != IID_IUnknown) {
+        if (outer == nullptr || riid != __uuidof(IUnknown)) {
             return CLASS_E_NOAGGREGATION;
         }
         auto* created = new (std::nothrow) ComAggObject<T>(outer);
@@ -142,7 +125,7 @@ private:
         IUnknown* outer_;  // not counted: the outer object owns us
     };
 
-    std::atomic<ULONG> references_{0};
+    ReferenceCount references_{0};
     Contained contained_;
 };
 

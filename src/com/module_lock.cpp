@@ -1,4 +1,4 @@
-#include "module_lock.h"
+#include "com/module_lock.h"
 
 namespace zeph {
 
@@ -6,14 +6,14 @@ namespace {
 LONG volatile g_lockCount = 0;
 }
 
-LONG LockModule() noexcept
+void LockModule() noexcept
 {
-    return ::InterlockedIncrement(&g_lockCount);
+    ::InterlockedIncrement(&g_lockCount);
 }
 
-LONG UnlockModule() noexcept
+void UnlockModule() noexcept
 {
-    return ::InterlockedDecrement(&g_lockCount);
+    ::InterlockedDecrement(&g_lockCount);
 }
 
 LONG ModuleLockCount() noexcept

@@ -7,8 +7,8 @@
 
 namespace zeph {
 
-LONG LockModule() noexcept;    // returns the new count
-LONG UnlockModule() noexcept;  // returns the new count
+void LockModule() noexcept;
+void UnlockModule() noexcept;
 LONG ModuleLockCount() noexcept;
 
 }  // namespace zeph

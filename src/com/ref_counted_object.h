@@ -1,4 +1,4 @@
-// Reference counting and QueryInterface for objects that are not the DLL's own
+// The IUnknown core (unknown_core.h) for objects that are not the DLL's own
 // COM classes: the host's logger, sink and context as the console host, the
 // benchmarks and the tests implement them. Unlike ComObject they hold no module
 // lock, so they never keep the provider's DLL loaded. The count is atomic (the
@@ -6,13 +6,13 @@
 // reference, which Adopt() takes over.
 #pragma once
 
+#include "com/unknown_core.h"
+
 #include <windows.h>
 #include <unknwn.h>
 #include <oaidl.h>
 
 #include <wrl/client.h>
-
-#include <atomic>
 
 namespace zeph {
 
@@ -38,31 +38,22 @@ public:
 
     STDMETHODIMP QueryInterface(REFIID riid, void** object) override
     {
-        if (object == nullptr) {
-            return E_POINTER;
-        }
-        if (riid == IID_IUnknown || riid == __uuidof(Interface) || (... || (riid == __uuidof(Bases)))) {
-            *object = static_cast<Interface*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = nullptr;
-        return E_NOINTERFACE;
+        return QueryInterfaceOf<InterfaceList<Interface, Bases...>>(static_cast<Interface*>(this), riid, object);
     }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+    STDMETHODIMP_(ULONG) AddRef() override { return references_.AddRef(); }
     STDMETHODIMP_(ULONG) Release() override
     {
-        const ULONG remaining = --references_;
+        const ULONG remaining = references_.Release();
         if (remaining == 0) {
             delete this;
         }
         return remaining;
     }
 
-    ULONG References() const { return references_; }
+    ULONG References() const { return references_.Get(); }
 
 private:
-    std::atomic<ULONG> references_{1};
+    ReferenceCount references_{1};
 };
 
 // IDispatch for objects called through their method tables only: late binding

@@ -1,7 +1,7 @@
-#include "registry_table.h"
+#include "com/registry_table.h"
 
-#include "hresult.h"
-#include "unique_resource.h"
+#include "win/hresult.h"
+#include "win/unique_resource.h"
 
 #include <algorithm>
 #include <set>
@@ -33,13 +33,13 @@ size_t Depth(const std::wstring& key)
     return static_cast<size_t>(std::count(key.begin(), key.end(), L'\\'));
 }
 
-bool Missing(LSTATUS status)
+[[nodiscard]] bool Missing(LSTATUS status)
 {
     return status == ERROR_FILE_NOT_FOUND || status == ERROR_PATH_NOT_FOUND;
 }
 
 // Deletes a key with everything below it; a missing key is no failure.
-LSTATUS DeleteTree(HKEY root, const std::wstring& path)
+[[nodiscard]] LSTATUS DeleteTree(HKEY root, const std::wstring& path)
 {
     LSTATUS status = ::RegDeleteTreeW(root, path.c_str());
     if (status == ERROR_SUCCESS || Missing(status)) {
@@ -48,7 +48,7 @@ LSTATUS DeleteTree(HKEY root, const std::wstring& path)
     return Missing(status) ? ERROR_SUCCESS : status;
 }
 
-LSTATUS WriteRow(HKEY root, const ExpandedRow& row)
+[[nodiscard]] LSTATUS WriteRow(HKEY root, const ExpandedRow& row)
 {
     unique_hkey key;
     LSTATUS status = ::RegCreateKeyExW(root, row.key.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
@@ -62,7 +62,7 @@ LSTATUS WriteRow(HKEY root, const ExpandedRow& row)
 }
 
 // Removes the listed values of a key, then the key itself if nothing is left in it.
-LSTATUS RemoveOwnedKey(HKEY root, const std::wstring& path, const std::vector<const wchar_t*>& valueNames)
+[[nodiscard]] LSTATUS RemoveOwnedKey(HKEY root, const std::wstring& path, const std::vector<const wchar_t*>& valueNames)
 {
     unique_hkey key;
     LSTATUS status = ::RegOpenKeyExW(root, path.c_str(), 0, KEY_QUERY_VALUE | KEY_SET_VALUE, key.put());

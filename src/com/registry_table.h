@@ -49,8 +49,8 @@ using RegistryTable = std::span<const RegistryRow>;
 // Variable name (without the '%' signs) and the text that replaces it.
 using RegistryReplacements = std::vector<std::pair<std::wstring, std::wstring>>;
 
-HRESULT RegisterTable(HKEY root, RegistryTable table, const RegistryReplacements& replacements);
-HRESULT UnregisterTable(HKEY root, RegistryTable table, const RegistryReplacements& replacements);
+[[nodiscard]] HRESULT RegisterTable(HKEY root, RegistryTable table, const RegistryReplacements& replacements);
+[[nodiscard]] HRESULT UnregisterTable(HKEY root, RegistryTable table, const RegistryReplacements& replacements);
 
 // text with every %NAME% replaced.
 std::wstring ExpandReplacements(std::wstring_view text, const RegistryReplacements& replacements);

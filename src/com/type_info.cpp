@@ -1,34 +1,11 @@
-#include "type_info.h"
+#include "com/type_info.h"
+
+#include "win/hresult.h"
+#include "win/module_path.h"
 
 #include <string>
 
 namespace zeph {
-
-namespace {
-
-// The full path of the module (DLL or EXE) that contains this code.
-std::wstring OwnModulePath()
-{
-    HMODULE module = nullptr;
-    if (!::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                              reinterpret_cast<LPCWSTR>(&OwnModulePath), &module)) {
-        return {};
-    }
-    std::wstring path(MAX_PATH, L'\0');
-    for (;;) {
-        const DWORD length = ::GetModuleFileNameW(module, path.data(), static_cast<DWORD>(path.size()));
-        if (length == 0) {
-            return {};
-        }
-        if (length < path.size()) {
-            path.resize(length);
-            return path;
-        }
-        path.resize(path.size() * 2);
-    }
-}
-
-}  // namespace
 
 HRESULT LoadInterfaceTypeInfo(REFGUID libid, WORD major, WORD minor, REFIID iid, ITypeInfo** typeInfo)
 {
@@ -39,9 +16,11 @@ HRESULT LoadInterfaceTypeInfo(REFGUID libid, WORD major, WORD minor, REFIID iid,
     Microsoft::WRL::ComPtr<ITypeLib> library;
     HRESULT result = ::LoadRegTypeLib(libid, major, minor, LOCALE_NEUTRAL, &library);
     if (FAILED(result)) {
-        const std::wstring path = OwnModulePath();
-        if (path.empty()) {
-            return result;
+        std::wstring path;
+        try {
+            path = OwnModuleFilePath();
+        } catch (const HResultError&) {
+            return result;  // the registered library's failure says more
         }
         result = ::LoadTypeLibEx(path.c_str(), REGKIND_NONE, &library);
         if (FAILED(result)) {

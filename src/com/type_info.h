@@ -1,6 +1,8 @@
 // Type information for dual interfaces, and an IDispatch that forwards to it.
 #pragma once
 
+#include "win/hresult.h"
+
 #include <windows.h>
 #include <oaidl.h>
 
@@ -12,12 +14,13 @@ namespace zeph {
 
 // The type info of iid from the type library libid (major.minor): the registered
 // library first, else the type library inside the module file that holds this code.
-HRESULT LoadInterfaceTypeInfo(REFGUID libid, WORD major, WORD minor, REFIID iid, ITypeInfo** typeInfo);
+// Allocation failures throw std::bad_alloc.
+[[nodiscard]] HRESULT LoadInterfaceTypeInfo(REFGUID libid, WORD major, WORD minor, REFIID iid, ITypeInfo** typeInfo);
 
 // Implements IDispatch for the dual interface Dual from its type info; no
-// hand-made DISPID tables. TypeLib supplies LIBID, kMajor, kMinor. The type info
+// hand-made DISPID tables. TypeLib supplies kLibId, kMajor, kMinor. The type info
 // is loaded on first use and kept for the life of the process; a failed load is
-// retried on the next call.
+// retried on the next call. Every method is behind the barrier.
 template <typename Dual, typename TypeLib>
 class DispatchImpl : public Dual {
 public:
@@ -39,36 +42,43 @@ public:
         if (index != 0) {
             return DISP_E_BADINDEX;
         }
-        ITypeInfo* info = nullptr;
-        const HRESULT result = CachedTypeInfo(&info);
-        if (SUCCEEDED(result)) {
-            info->AddRef();
-            *typeInfo = info;
-        }
-        return result;
+        return ComBarrier([&]() -> HRESULT {
+            ITypeInfo* info = nullptr;
+            const HRESULT result = CachedTypeInfo(&info);
+            if (SUCCEEDED(result)) {
+                info->AddRef();
+                *typeInfo = info;
+            }
+            return result;
+        });
     }
 
     STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override
     {
-        ITypeInfo* info = nullptr;
-        const HRESULT result = CachedTypeInfo(&info);
-        return FAILED(result) ? result : ::DispGetIDsOfNames(info, names, count, ids);
+        return ComBarrier([&]() -> HRESULT {
+            ITypeInfo* info = nullptr;
+            const HRESULT result = CachedTypeInfo(&info);
+            return FAILED(result) ? result : ::DispGetIDsOfNames(info, names, count, ids);
+        });
     }
 
     STDMETHODIMP Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params, VARIANT* result,
                         EXCEPINFO* exception, UINT* argumentError) override
     {
-        ITypeInfo* info = nullptr;
-        const HRESULT loaded = CachedTypeInfo(&info);
-        if (FAILED(loaded)) {
-            return loaded;
-        }
-        return ::DispInvoke(static_cast<Dual*>(this), info, id, flags, params, result, exception,
-                            argumentError);
+        return ComBarrier([&]() -> HRESULT {
+            ITypeInfo* info = nullptr;
+            const HRESULT loaded = CachedTypeInfo(&info);
+            if (FAILED(loaded)) {
+                return loaded;
+            }
+            return ::DispInvoke(static_cast<Dual*>(this), info, id, flags, params, result, exception,
+                                argumentError);
+        });
     }
 
 private:
-    static HRESULT CachedTypeInfo(ITypeInfo** info)
+    // May throw std::bad_alloc while loading.
+    [[nodiscard]] static HRESULT CachedTypeInfo(ITypeInfo** info)
     {
         static std::atomic<ITypeInfo*> cached{nullptr};
         ITypeInfo* current = cached.load(std::memory_order_acquire);

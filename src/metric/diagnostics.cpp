@@ -1,4 +1,4 @@
-#include "diagnostics.h"
+#include "metric/diagnostics.h"
 
 #include <cstdio>
 

@@ -1,7 +1,7 @@
 // Text formatting and the error-text suffix that every logged failure carries.
 #pragma once
 
-#include "unique_resource.h"
+#include "win/unique_resource.h"
 
 #include <windows.h>
 

@@ -1,7 +1,7 @@
 // The scoped closer for event log handles: EvtClose once, null skipped.
 #pragma once
 
-#include "unique_resource.h"
+#include "win/unique_resource.h"
 
 #include <windows.h>
 #include <winevt.h>

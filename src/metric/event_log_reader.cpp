@@ -1,4 +1,4 @@
-#include "event_log_reader.h"
+#include "metric/event_log_reader.h"
 
 #include <cstdlib>
 #include <memory>

@@ -18,11 +18,11 @@ using MessageCallback = std::function<void(const wchar_t* message)>;
 // EVT_VARIANT array. context is created on first use and then reused; the
 // caller closes it. The array is allocated per event and deliberately not
 // freed: the callback may keep pointers into it.
-DWORD RenderEventValues(EVT_HANDLE& context, EVT_HANDLE event, const wchar_t* const* paths, DWORD count,
+[[nodiscard]] DWORD RenderEventValues(EVT_HANDLE& context, EVT_HANDLE event, const wchar_t* const* paths, DWORD count,
                         RenderCallback callback);
 
 // Formats the event's message with the publisher's metadata and calls back
 // once with the text. Returns the last error after the attempt.
-DWORD FormatEventMessage(EVT_HANDLE publisherMetadata, EVT_HANDLE event, MessageCallback callback);
+[[nodiscard]] DWORD FormatEventMessage(EVT_HANDLE publisherMetadata, EVT_HANDLE event, MessageCallback callback);
 
 }  // namespace zeph

@@ -1,6 +1,6 @@
-#include "event_log_subscription.h"
+#include "metric/event_log_subscription.h"
 
-#include "hresult.h"
+#include "win/hresult.h"
 
 #include <utility>
 

@@ -9,7 +9,7 @@
 // once it returns nothing the callback captured is touched again.
 #pragma once
 
-#include "event_log_handle.h"
+#include "metric/event_log_handle.h"
 
 #include <windows.h>
 #include <winevt.h>
@@ -33,7 +33,7 @@ public:
     // returns the last error after the attempt, as an HRESULT (the caller
     // decides whether that matters). On failure the handle is null and the
     // earlier callback stays. Never throws.
-    HRESULT Subscribe(const wchar_t* channel, const wchar_t* query, Callback callback) noexcept;
+    [[nodiscard]] HRESULT Subscribe(const wchar_t* channel, const wchar_t* query, Callback callback) noexcept;
 
     // Ends the subscription (the callback is kept). Closing twice does nothing.
     void Close() noexcept;

@@ -1,6 +1,6 @@
-#include "logging.h"
+#include "metric/logging.h"
 
-#include "com_strings.h"
+#include "win/com_strings.h"
 
 namespace zeph {
 

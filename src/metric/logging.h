@@ -5,7 +5,7 @@
 // Called from the host's thread and from event delivery threads alike.
 #pragma once
 
-#include "diagnostics.h"
+#include "metric/diagnostics.h"
 
 #include <agent.h>
 
@@ -22,7 +22,7 @@ enum class LogLevel : ULONG {
 
 inline constexpr wchar_t kLogCategory[] = L"eventlog";
 
-bool IsLogLevelEnabled(IProviderLogger* logger, LogLevel level) noexcept;
+[[nodiscard]] bool IsLogLevelEnabled(IProviderLogger* logger, LogLevel level) noexcept;
 
 // Hands one finished line to the logger (category and text as BSTRs).
 void WriteLogLine(IProviderLogger* logger, LogLevel level, const std::wstring& text);

@@ -1,8 +1,8 @@
-#include "metric.h"
+#include "metric/metric.h"
 
-#include "com_strings.h"
-#include "hresult.h"
-#include "logging.h"
+#include "metric/logging.h"
+#include "win/com_strings.h"
+#include "win/hresult.h"
 
 namespace zeph {
 
@@ -16,7 +16,7 @@ constexpr wchar_t kPropertyReadFailed[] = L"Failed to retrieve property '%s' fro
 
 // The text of the child element named property: S_OK with the text, S_FALSE
 // when there is no such child, or the failure of the lookup.
-HRESULT SelectPropertyText(IXMLDOMElement* config, const wchar_t* property, ScopedVariant& value)
+[[nodiscard]] HRESULT SelectPropertyText(IXMLDOMElement* config, const wchar_t* property, ScopedVariant& value)
 {
     const unique_bstr query = MakeBstr(property);
     Microsoft::WRL::ComPtr<IXMLDOMNode> node;
@@ -60,7 +60,7 @@ HRESULT CMetric::Subscribe(IXMLDOMElement* config)
     }
     // A channel or query the event log rejects is not an error of Subscribe:
     // the metric simply never receives events.
-    subscription_.Subscribe(channel_.c_str(), query_.c_str(), [this](EVT_HANDLE event, int action) {
+    (void)subscription_.Subscribe(channel_.c_str(), query_.c_str(), [this](EVT_HANDLE event, int action) {
         if (action != EvtSubscribeActionError) {
             ParseEventLog(event);
         }

@@ -13,10 +13,10 @@
 // half-destroyed object.
 #pragma once
 
-#include "event_log_subscription.h"
+#include "metric/event_log_subscription.h"
 
 #include <agent.h>
-#include "xml_dom.h"
+#include "win/xml_dom.h"
 #include <wrl/client.h>
 
 #include <string>
@@ -34,13 +34,13 @@ public:
     // future events. Returns the first failing read's HRESULT, else S_OK: a
     // channel or query the event log rejects leaves the metric without a
     // subscription and is not an error here.
-    virtual HRESULT Subscribe(IXMLDOMElement* config);
+    [[nodiscard]] virtual HRESULT Subscribe(IXMLDOMElement* config);
 
     // Closes the subscription, if any. Always S_OK.
-    virtual HRESULT Unsubscribe();
+    [[nodiscard]] virtual HRESULT Unsubscribe();
 
     // Writes the metric's values into sink. context is the host's query context.
-    virtual HRESULT CollectMetric(IMetricValueSink* sink, LONG_PTR context) = 0;
+    [[nodiscard]] virtual HRESULT CollectMetric(IMetricValueSink* sink, LONG_PTR context) = 0;
 
     const std::wstring& Name() const noexcept { return name_; }
     const std::wstring& Channel() const noexcept { return channel_; }
@@ -57,7 +57,7 @@ protected:
     // Reads one property (a child element's text) into target. Returns S_OK,
     // 0x80070490 when the element is missing, or the failure of the lookup;
     // target is untouched on failure.
-    HRESULT GetConfigProperty(IXMLDOMElement* config, const wchar_t* property, std::wstring& target);
+    [[nodiscard]] HRESULT GetConfigProperty(IXMLDOMElement* config, const wchar_t* property, std::wstring& target);
 
     IProviderLogger* Logger() const noexcept { return logger_.Get(); }
 

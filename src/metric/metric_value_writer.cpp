@@ -1,6 +1,6 @@
-#include "metric_value_writer.h"
+#include "metric/metric_value_writer.h"
 
-#include "com_strings.h"
+#include "win/com_strings.h"
 
 namespace zeph {
 

@@ -11,7 +11,7 @@
 
 namespace zeph {
 
-HRESULT WriteMetricString(IMetricValueSink* sink, std::wstring_view key, std::wstring_view name,
+[[nodiscard]] HRESULT WriteMetricString(IMetricValueSink* sink, std::wstring_view key, std::wstring_view name,
                           std::wstring_view text);
 HRESULT WriteMetricUInt64(IMetricValueSink* sink, std::wstring_view key, std::wstring_view name,
                           ULONGLONG number);

@@ -1,7 +1,7 @@
 // The five entry points of zeph_eventlog.dll (exported by name through
 // zeph_eventlog.def). Each forwards to the one module object; none lets an
 // exception out.
-#include "event_log_provider_module.h"
+#include "module/event_log_provider_module.h"
 
 #include <windows.h>
 

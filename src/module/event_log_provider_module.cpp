@@ -1,12 +1,15 @@
-#include "event_log_provider_module.h"
+#include "module/event_log_provider_module.h"
 
-#include "class_factory.h"
-#include "hresult.h"
-#include "module_lock.h"
-#include "provider.h"
-#include "registration_tables.h"
-#include "unique_resource.h"
-#include "zeph_eventlog_h.h"
+#include "com/class_factory.h"
+#include "com/module_lock.h"
+#include "module/registration_tables.h"
+#include "provider/provider.h"
+#include "win/com_strings.h"
+#include "win/hresult.h"
+#include "win/module_path.h"
+#include "win/unique_resource.h"
+
+#include <zeph_eventlog_h.h>
 
 #include <oleauto.h>
 #include <wrl/client.h>
@@ -69,7 +72,16 @@ struct TypeLibAttributes {
     SYSKIND syskind;
 };
 
-HRESULT LoadOwnTypeLib(const std::wstring& path, ComPtr<ITypeLib>& library, TypeLibAttributes& attributes)
+// The variables of the registration tables: the DLL's path and the IDL's GUIDs.
+RegistryReplacements Replacements(const std::wstring& modulePath)
+{
+    return {{kModuleReplacement, modulePath},
+            {kAppIdReplacement, GuidString(APPID_EventLogProvider)},
+            {kClsidReplacement, GuidString(CLSID_Provider)},
+            {kLibIdReplacement, GuidString(LIBID_EventLogProviderLib)}};
+}
+
+[[nodiscard]] HRESULT LoadOwnTypeLib(const std::wstring& path, ComPtr<ITypeLib>& library, TypeLibAttributes& attributes)
 {
     HRESULT result = ::LoadTypeLibEx(path.c_str(), REGKIND_NONE, &library);
     if (FAILED(result)) {
@@ -85,7 +97,7 @@ HRESULT LoadOwnTypeLib(const std::wstring& path, ComPtr<ITypeLib>& library, Type
     return S_OK;
 }
 
-HRESULT RegisterTypeLibrary(const std::wstring& path, bool perUser)
+[[nodiscard]] HRESULT RegisterTypeLibrary(const std::wstring& path, bool perUser)
 {
     ComPtr<ITypeLib> library;
     TypeLibAttributes attributes{};
@@ -100,7 +112,7 @@ HRESULT RegisterTypeLibrary(const std::wstring& path, bool perUser)
 
 // A library that is not registered needs no undoing, so unregistering twice,
 // or after a registration that failed early, succeeds.
-HRESULT UnregisterTypeLibrary(const std::wstring& path, bool perUser)
+[[nodiscard]] HRESULT UnregisterTypeLibrary(const std::wstring& path, bool perUser)
 {
     ComPtr<ITypeLib> library;
     TypeLibAttributes a{};
@@ -118,81 +130,9 @@ HRESULT UnregisterTypeLibrary(const std::wstring& path, bool perUser)
 
 }  // namespace
 
-std::wstring ModuleFilePath()
-{
-    HMODULE module = nullptr;
-    if (!::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                              reinterpret_cast<LPCWSTR>(&ModuleFilePath), &module)) {
-        ThrowHResult(HResultFromWin32(static_cast<long>(::GetLastError())));
-    }
-    std::wstring path(MAX_PATH, L'\0');
-    for (;;) {
-        const DWORD length = ::GetModuleFileNameW(module, path.data(), static_cast<DWORD>(path.size()));
-        if (length == 0) {
-            ThrowHResult(HResultFromWin32(static_cast<long>(::GetLastError())));
-        }
-        if (length < path.size()) {
-            path.resize(length);
-            return path;
-        }
-        path.resize(path.size() * 2);  // truncated: try a larger buffer
-    }
-}
-
-CEventLogProviderModule::~CEventLogProviderModule()
-{
-    if (IGlobalInterfaceTable* table = globalInterfaceTable_.exchange(nullptr)) {
-        table->Release();
-    }
-}
-
-LONG CEventLogProviderModule::Lock() noexcept
-{
-    return LockModule();
-}
-
-LONG CEventLogProviderModule::Unlock() noexcept
-{
-    return UnlockModule();
-}
-
-LONG CEventLogProviderModule::GetLockCount() const noexcept
-{
-    return ModuleLockCount();
-}
-
-HRESULT CEventLogProviderModule::GetGlobalInterfaceTable(IGlobalInterfaceTable** table) noexcept
-{
-    if (table == nullptr) {
-        return E_POINTER;
-    }
-    *table = nullptr;
-    IGlobalInterfaceTable* current = globalInterfaceTable_.load(std::memory_order_acquire);
-    if (current == nullptr) {
-        ComPtr<IGlobalInterfaceTable> created;
-        const HRESULT result = ::CoCreateInstance(CLSID_StdGlobalInterfaceTable, nullptr, CLSCTX_INPROC_SERVER,
-                                                  IID_PPV_ARGS(&created));
-        if (FAILED(result)) {
-            return result;
-        }
-        // Two first callers may race; the loser's copy is released with its ComPtr.
-        if (globalInterfaceTable_.compare_exchange_strong(current, created.Get())) {
-            current = created.Detach();
-        }
-    }
-    current->AddRef();
-    *table = current;
-    return S_OK;
-}
-
-void CEventLogProviderModule::AddCommonReplacements(RegistryReplacements& replacements) const
-{
-    replacements.emplace_back(kAppIdReplacement, kAppId);
-}
-
 HRESULT CEventLogProviderModule::CanUnloadNow() const noexcept
 {
-    return GetLockCount() == 0 ? S_OK : S_FALSE;
+    return ModuleLockCount() == 0 ? S_OK : S_FALSE;
 }
 
 HRESULT CEventLogProviderModule::GetClassObject(REFCLSID clsid, REFIID riid, void** object) noexcept
@@ -207,17 +147,10 @@ HRESULT CEventLogProviderModule::GetClassObject(REFCLSID clsid, REFIID riid, voi
     return ClassFactory<CProvider>::Instance().QueryInterface(riid, object);
 }
 
-RegistryReplacements CEventLogProviderModule::Replacements(const std::wstring& modulePath) const
-{
-    RegistryReplacements replacements{{kModuleReplacement, modulePath}};
-    AddCommonReplacements(replacements);
-    return replacements;
-}
-
 HRESULT CEventLogProviderModule::Register()
 {
     const bool perUser = RegistersPerUser();
-    const std::wstring path = ModuleFilePath();
+    const std::wstring path = OwnModuleFilePath();
     const RegistryReplacements replacements = Replacements(path);
     const ClassesRoot root(perUser);
     HRESULT result = RegisterTable(root.get(), kAppIdTable, replacements);
@@ -235,7 +168,7 @@ HRESULT CEventLogProviderModule::Register()
 HRESULT CEventLogProviderModule::Unregister()
 {
     const bool perUser = RegistersPerUser();
-    const std::wstring path = ModuleFilePath();
+    const std::wstring path = OwnModuleFilePath();
     const RegistryReplacements replacements = Replacements(path);
     const ClassesRoot root(perUser);
     HRESULT result = UnregisterTable(root.get(), kProviderClassTable, replacements);
@@ -272,7 +205,9 @@ HRESULT CEventLogProviderModule::Install(BOOL install, const wchar_t* commandLin
     }
     const HRESULT result = RegisterServer();
     if (FAILED(result)) {
-        UnregisterServer();  // take back what the steps before the failure wrote
+        // Take back what the steps before the failure wrote; the failure that
+        // counts is the registration's.
+        (void)UnregisterServer();
         return result;
     }
     return S_OK;

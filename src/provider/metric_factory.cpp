@@ -1,7 +1,7 @@
-#include "metric_factory.h"
+#include "provider/metric_factory.h"
 
-#include "app_crash_metric.h"
-#include "quillon_metric.h"
+#include "appcrash/app_crash_metric.h"
+#include "layering/quillon_metric.h"
 
 #include <cwchar>
 

@@ -1,7 +1,7 @@
 // Creates the metric class that belongs to a metric name.
 #pragma once
 
-#include "metric.h"
+#include "metric/metric.h"
 
 #include <agent.h>
 #include <wrl/client.h>
@@ -25,6 +25,6 @@ std::shared_ptr<CMetric> MetricFactory(const wchar_t* name, Microsoft::WRL::ComP
                                        Microsoft::WRL::ComPtr<IProviderHostContext> hostContext);
 
 // True when name is known, in any letter case: same length and equal ignoring case.
-bool IsMetricName(const wchar_t* name, const wchar_t* known) noexcept;
+[[nodiscard]] bool IsMetricName(const wchar_t* name, const wchar_t* known) noexcept;
 
 }  // namespace zeph

@@ -1,7 +1,7 @@
-#include "provider.h"
+#include "provider/provider.h"
 
-#include "hresult.h"
-#include "logging.h"
+#include "metric/logging.h"
+#include "win/hresult.h"
 
 namespace zeph {
 
@@ -19,15 +19,6 @@ constexpr wchar_t kNotSubscribed[] = L"Metric '%s' should be queried from intern
 CProvider::CProvider() : factory_(MetricFactory) {}
 
 CProvider::~CProvider() = default;
-
-void* CProvider::QueryInterfaceImpl(REFIID riid) noexcept
-{
-    if (riid == __uuidof(IZephDataProvider) || riid == __uuidof(IDataProviderEx) ||
-        riid == __uuidof(IDataProvider) || riid == IID_IDispatch || riid == IID_IUnknown) {
-        return static_cast<IZephDataProvider*>(this);
-    }
-    return nullptr;
-}
 
 void CProvider::UseMetricFactory(MetricFactoryFunction factory)
 {
@@ -74,7 +65,8 @@ STDMETHODIMP CProvider::UnsubscribeMetric(BSTR name)
         if (found == metrics_.end()) {
             return S_OK;
         }
-        found->second->Unsubscribe();
+        // The metric leaves the table whatever its closing says: the host asked for it gone.
+        (void)found->second->Unsubscribe();
         metrics_.erase(found);
         Log(logger_.Get(), LogLevel::Info, kUnsubscribed, name);
         return S_OK;
@@ -85,7 +77,7 @@ STDMETHODIMP CProvider::UnsubscribeAllMetrics()
 {
     return ComBarrier([&]() -> HRESULT {
         for (const auto& [name, metric] : metrics_) {
-            metric->Unsubscribe();
+            (void)metric->Unsubscribe();  // as in UnsubscribeMetric
         }
         metrics_.clear();
         Log(logger_.Get(), LogLevel::Info, kUnsubscribedAll);

@@ -13,11 +13,13 @@
 // failure, E_UNEXPECTED for anything else).
 #pragma once
 
-#include "metric.h"
-#include "metric_factory.h"
-#include "type_info.h"
+#include "com/type_info.h"
+#include "com/unknown_core.h"
+#include "metric/metric.h"
+#include "provider/metric_factory.h"
 
 #include <agent.h>
+#include <zeph_eventlog_h.h>
 #include <wrl/client.h>
 
 #include <map>
@@ -28,7 +30,7 @@ namespace zeph {
 
 // The type library that describes the provider's interfaces to late-bound callers.
 struct EventLogProviderLib {
-    static constexpr GUID kLibId = {0xBA21C1A6, 0x3183, 0x4E99, {0xA4, 0x64, 0x6D, 0xF4, 0x17, 0x8B, 0x72, 0x49}};
+    static constexpr const GUID& kLibId = LIBID_EventLogProviderLib;
     static constexpr WORD kMajor = 1;
     static constexpr WORD kMinor = 0;
 };
@@ -38,7 +40,7 @@ public:
     CProvider();
     virtual ~CProvider();
 
-    void* QueryInterfaceImpl(REFIID riid) noexcept;
+    using Interfaces = InterfaceList<IZephDataProvider, IDataProviderEx, IDataProvider, IDispatch>;
 
     // IDataProvider
     STDMETHODIMP SubscribeMetric(BSTR name, IUnknown* config) override;
@@ -64,7 +66,7 @@ private:
     // Ordinal order of UTF-16 code units: lookups are exact and case-sensitive.
     using MetricTable = std::map<std::wstring, std::shared_ptr<CMetric>>;
 
-    HRESULT Reserved() noexcept;
+    [[nodiscard]] HRESULT Reserved() noexcept;
 
     Microsoft::WRL::ComPtr<IProviderLogger> logger_;
     Microsoft::WRL::ComPtr<IProviderHostContext> hostContext_;

@@ -1,16 +1,16 @@
 // The crash metric on its own, fed by the simulated event log, and its text
 // rules. Refusals, null sinks, odd events and generated texts are in
 // tests/reliability.
-#include "app_crash_metric.h"
-#include "com_strings.h"
+#include "appcrash/app_crash_metric.h"
+#include "appcrash/crash_text.h"
 #include "config_element.h"
-#include "crash_text.h"
-#include "diagnostics.h"
-#include "hresult.h"
-#include "metric_factory.h"
+#include "metric/diagnostics.h"
+#include "provider/metric_factory.h"
 #include "recording_logger.h"
 #include "recording_sink.h"
 #include "simulated_event_log.h"
+#include "win/com_strings.h"
+#include "win/hresult.h"
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 // strings (two calls, sizes in characters, 15029 with the text left in the buffer), a
 // rendered message with no publisher metadata, string values rendered in the caller's
 // buffer with sizes in bytes, and "Application Error" registered before any of its events.
-#include "eventlog_sim.h"
+#include "eventlog-sim/eventlog_sim.h"
 
 #include <windows.h>
 #include <winevt.h>

@@ -1,6 +1,6 @@
 // The simulated event log through the ordinary Evt* imports: refusals and their
 // codes, query filtering, delivery order and thread, EvtClose, handle accounting.
-#include "event_log_handle.h"
+#include "metric/event_log_handle.h"
 #include "simulated_event_log.h"
 
 #include <winevt.h>

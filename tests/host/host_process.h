@@ -2,6 +2,8 @@
 // output captured, every wait bounded; and a scratch folder for its files.
 #pragma once
 
+#include "win/module_path.h"
+
 #include <windows.h>
 #include <objbase.h>
 
@@ -35,8 +37,7 @@ struct HostRun {
 
 inline std::wstring BinFolder()  // with a final backslash
 {
-    std::wstring path(MAX_PATH, L'\0');
-    path.resize(::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+    const std::wstring path = ModuleFilePath(nullptr);
     return path.substr(0, path.find_last_of(L"\\/") + 1);
 }
 

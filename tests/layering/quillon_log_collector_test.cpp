@@ -1,6 +1,6 @@
 // The service-log collector on real files in a scratch service installation.
+#include "layering/quillon_log_collector.h"
 #include "layering_env.h"
-#include "quillon_log_collector.h"
 #include "recording_logger.h"
 
 #include <gtest/gtest.h>
@@ -53,7 +53,7 @@ TEST_F(CollectorTest, PrepareFindsTheLogsFolderBesideTheQuotedImagePathAndTakesT
         {L"drovesvc.exe", L"drovesvc.exe\\Logs\\"}};
     for (const auto& [imagePath, folder] : folders) {
         service_.Registry().SetString(ServiceInstall::kServiceKey, L"ImagePath", imagePath);
-        collector_.PrepareCollectLog();  // the folder does not exist; only its name matters here
+        (void)collector_.PrepareCollectLog();  // the folder does not exist; only its name matters here
         EXPECT_EQ(collector_.LogDirectory(), folder) << imagePath;
     }
 }

@@ -1,17 +1,17 @@
 // The layering metric: its event classification and registry reads, the metric
 // on the simulated event log, and the metric inside the provider.
-#include "com_object.h"
-#include "com_strings.h"
+#include "com/com_object.h"
 #include "config_element.h"
+#include "layering/quillon_event.h"
+#include "layering/quillon_metric.h"
+#include "layering/registry_string.h"
 #include "layering_env.h"
-#include "metric_factory.h"
-#include "provider.h"
-#include "quillon_event.h"
-#include "quillon_metric.h"
+#include "provider/metric_factory.h"
+#include "provider/provider.h"
 #include "recording_logger.h"
 #include "recording_sink.h"
-#include "registry_string.h"
 #include "simulated_event_log.h"
+#include "win/com_strings.h"
 
 #include <gtest/gtest.h>
 

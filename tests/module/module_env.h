@@ -1,7 +1,8 @@
 // The DLL as a host loads it, and registry work kept off the machine's keys.
 #pragma once
 
-#include "unique_resource.h"
+#include "win/module_path.h"
+#include "win/unique_resource.h"
 
 #include <windows.h>
 
@@ -23,8 +24,7 @@ public:
         module_ = ::LoadLibraryW((BinFolder() + kDllName).c_str());
         EXPECT_NE(module_, nullptr) << "LoadLibrary failed: " << ::GetLastError();
         if (module_ != nullptr) {
-            path_.resize(MAX_PATH);
-            path_.resize(::GetModuleFileNameW(module_, path_.data(), static_cast<DWORD>(path_.size())));
+            path_ = ModuleFilePath(module_);
             loaded_ = true;
             for (const char* name :
                  {"DllCanUnloadNow", "DllGetClassObject", "DllInstall", "DllRegisterServer", "DllUnregisterServer"}) {
@@ -62,8 +62,7 @@ public:
 
     static std::wstring BinFolder()  // with a trailing '\'
     {
-        std::wstring path(MAX_PATH, L'\0');
-        path.resize(::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+        const std::wstring path = ModuleFilePath(nullptr);
         return path.substr(0, path.find_last_of(L"\\/") + 1);
     }
 

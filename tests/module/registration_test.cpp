@@ -1,8 +1,8 @@
 // Registration: the table code below a scratch root, then the DLL's exports per
 // machine and per user with the classes roots redirected to scratch keys.
-#include "hresult.h"
+#include "com/registry_table.h"
 #include "module_env.h"
-#include "registry_table.h"
+#include "win/hresult.h"
 
 #include <gtest/gtest.h>
 

@@ -1,15 +1,44 @@
 // The DLL's resources (type library, version block, string 100) and the
 // provider's IDispatch, which works from the DLL's own type library when that
 // library is not registered.
-#include "com_strings.h"
+#include "com/type_info.h"
 #include "module_env.h"
 #include "recording_logger.h"
 #include "test_com_object.h"
+#include "win/com_strings.h"
 
-#include "zeph_eventlog_h.h"
+#include <agent.h>
+#include <zeph_eventlog_h.h>
 
 #include <gtest/gtest.h>
 #include <wrl/client.h>
+
+#include <new>
+
+// Every allocation of this executable comes here, so a test can make them fail
+// on its own thread for a while.
+namespace {
+thread_local bool t_failAllocations = false;
+}
+
+void* operator new(std::size_t size)
+{
+    void* block = t_failAllocations ? nullptr : ::HeapAlloc(::GetProcessHeap(), 0, size == 0 ? 1 : size);
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    return block;
+}
+void operator delete(void* block) noexcept
+{
+    if (block != nullptr) {
+        ::HeapFree(::GetProcessHeap(), 0, block);
+    }
+}
+void operator delete(void* block, std::size_t) noexcept
+{
+    operator delete(block);
+}
 
 namespace zeph::test {
 namespace {
@@ -153,6 +182,49 @@ TEST_F(DispatchTest, TypeInformationNamesAndInvokeReachTheProvidersMethods)
                                     L"Unsubscribed all metrics.",
                                     L"Metric 'nothing|here' should be queried from internal metric.",
                                 }));
+}
+
+// A library nobody registers: the type information is then looked for in the
+// module file, which takes allocations.
+struct UnregisteredLibrary {
+    static constexpr GUID kLibId = {};
+    static constexpr WORD kMajor = 1;
+    static constexpr WORD kMinor = 0;
+};
+
+class DispatchOnly final : public DispatchImpl<IProviderLogger, UnregisteredLibrary> {
+public:
+    STDMETHODIMP QueryInterface(REFIID, void** object) override
+    {
+        *object = nullptr;
+        return E_NOINTERFACE;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return 1; }
+    STDMETHODIMP_(ULONG) Release() override { return 1; }
+    STDMETHODIMP HostReserved1() override { return S_OK; }
+    STDMETHODIMP GetCategoryLevels(LPCWSTR, ULONG*) override { return S_OK; }
+    STDMETHODIMP LogError(BSTR, BSTR) override { return S_OK; }
+    STDMETHODIMP LogWarning(BSTR, BSTR) override { return S_OK; }
+    STDMETHODIMP LogInfo(BSTR, BSTR) override { return S_OK; }
+};
+
+TEST(DispatchBarrierTest, AllocationFailureWhileLoadingTypeInformationIsOutOfMemory)
+{
+    DispatchOnly object;
+    ITypeInfo* info = nullptr;
+    LPOLESTR names[] = {const_cast<LPOLESTR>(L"LogError")};
+    DISPID id = DISPID_UNKNOWN;
+    DISPPARAMS none = {};
+    HRESULT results[3] = {};
+    t_failAllocations = true;  // nothing between here and the reset may report
+    results[0] = object.GetTypeInfo(0, LOCALE_USER_DEFAULT, &info);
+    results[1] = object.GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id);
+    results[2] = object.Invoke(1, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &none, nullptr, nullptr, nullptr);
+    t_failAllocations = false;
+    EXPECT_EQ(results[0], E_OUTOFMEMORY);
+    EXPECT_EQ(results[1], E_OUTOFMEMORY);
+    EXPECT_EQ(results[2], E_OUTOFMEMORY);
+    EXPECT_EQ(info, nullptr);
 }
 
 }  // namespace

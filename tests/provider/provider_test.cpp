@@ -1,13 +1,13 @@
 // The provider's table of metrics, driven with fake metrics through its factory hook.
-#include "com_object.h"
-#include "com_strings.h"
+#include "com/com_object.h"
+#include "com/module_lock.h"
 #include "config_element.h"
-#include "diagnostics.h"
-#include "hresult.h"
-#include "module_lock.h"
-#include "provider.h"
+#include "metric/diagnostics.h"
+#include "provider/provider.h"
 #include "recording_logger.h"
 #include "recording_sink.h"
+#include "win/com_strings.h"
+#include "win/hresult.h"
 
 #include <gtest/gtest.h>
 

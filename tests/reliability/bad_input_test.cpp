@@ -4,9 +4,9 @@
 // crashes, names the result the host gets and the lines it must see, and then
 // the pending crashes must still be reported unless the row's own rules
 // dropped them.
-#include "app_crash_metric.h"
+#include "appcrash/app_crash_metric.h"
 #include "config_element.h"
-#include "metric_factory.h"
+#include "provider/metric_factory.h"
 #include "recording_sink.h"
 #include "reliability_host.h"
 #include "simulated_event_log.h"

@@ -2,9 +2,9 @@
 // the host queries every few milliseconds through a sink that refuses a seeded
 // share of the writes, and other metrics are subscribed and unsubscribed beside
 // it. Every crash written must end up accounted for exactly once.
-#include "app_crash_metric.h"
+#include "appcrash/app_crash_metric.h"
 #include "config_element.h"
-#include "metric_factory.h"
+#include "provider/metric_factory.h"
 #include "recording_sink.h"
 #include "reliability_host.h"
 #include "simulated_event_log.h"

@@ -1,12 +1,12 @@
 // Seeded property tests: the text rules of the two metrics against small
 // reference models, on generated inputs built from the fragments the rules
 // care about. A failure names a round that reproduces.
-#include "app_crash_metric.h"
+#include "appcrash/app_crash_metric.h"
+#include "appcrash/crash_text.h"
 #include "config_element.h"
-#include "crash_text.h"
-#include "metric_factory.h"
-#include "quillon_event.h"
-#include "quillon_log_collector.h"
+#include "layering/quillon_event.h"
+#include "layering/quillon_log_collector.h"
+#include "provider/metric_factory.h"
 #include "recording_sink.h"
 #include "reliability_host.h"
 #include "simulated_event_log.h"
@@ -165,7 +165,7 @@ TEST(MountEntryPropertyTest, AgreesWithTheModelFromAnyStartPositionAndLogsPathTh
         ASSERT_EQ(logger->Texts(), round % 10 == 0 ? lines : std::vector<std::wstring>{}) << "round " << round;
 
         // Parsing again appends the same entries once more: no state but the list.
-        collector.ParseMountedTesseras(text, start);
+        EXPECT_TRUE(collector.ParseMountedTesseras(text, start));
         ASSERT_EQ(collector.GetTesseras().size(), 2 * expected.size()) << "round " << round;
     }
     EXPECT_GT(entries, 2000u) << "the generator should make many complete mount lines";

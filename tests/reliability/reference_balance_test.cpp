@@ -2,10 +2,12 @@
 // the class factory): after a full session every host object is back at its
 // starting reference count and the DLL says it may be unloaded.
 #include "config_element.h"
-#include "metric_factory.h"
+#include "provider/metric_factory.h"
 #include "recording_sink.h"
 #include "reliability_host.h"
 #include "simulated_event_log.h"
+
+#include <zeph_eventlog_h.h>
 
 #include <gtest/gtest.h>
 
@@ -18,7 +20,6 @@ namespace {
 using Microsoft::WRL::ComPtr;
 using namespace test;
 
-constexpr CLSID kClsidProvider = {0xDAF69464, 0xF4E2, 0x40C0, {0xBC, 0xC3, 0xA3, 0x0E, 0x81, 0x99, 0x75, 0xF0}};
 constexpr wchar_t kDllName[] = L"zeph_eventlog.dll";
 constexpr wchar_t kCrashChannel[] = L"ZephBalanceCrashes";
 constexpr wchar_t kLayeringChannel[] = L"ZephBalanceLayering";
@@ -77,7 +78,7 @@ TEST(ReferenceBalanceTest, AFullSessionThroughTheDllGivesBackEveryReferenceAndLe
     ASSERT_TRUE(canUnloadNow && getClassObject);
     const auto createProvider = [&] {
         ComPtr<IClassFactory> factory;
-        EXPECT_EQ(getClassObject(kClsidProvider, IID_PPV_ARGS(&factory)), S_OK);
+        EXPECT_EQ(getClassObject(CLSID_Provider, IID_PPV_ARGS(&factory)), S_OK);
         ComPtr<IZephDataProvider> provider;
         if (factory) {
             EXPECT_EQ(factory->CreateInstance(nullptr, IID_PPV_ARGS(&provider)), S_OK);

@@ -1,9 +1,9 @@
 #include "reliability_host.h"
 
-#include "com_object.h"
-#include "diagnostics.h"
-#include "eventlog_sim.h"
-#include "provider.h"
+#include "com/com_object.h"
+#include "eventlog-sim/eventlog_sim.h"
+#include "metric/diagnostics.h"
+#include "provider/provider.h"
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,10 @@
 // The host's side of a session for the reliability tests, and bounded waits.
 #pragma once
 
-#include "com_strings.h"
 #include "layering_env.h"
-#include "logging.h"
+#include "metric/logging.h"
 #include "recording_logger.h"
+#include "win/com_strings.h"
 
 #include <agent.h>
 #include <windows.h>

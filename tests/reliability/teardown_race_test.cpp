@@ -1,9 +1,9 @@
 // Teardown with deliveries in flight: providers released with their metrics
 // subscribed, or after unsubscribing some or all, hundreds of times while a
 // writer keeps both channels busy.
-#include "app_crash_metric.h"
+#include "appcrash/app_crash_metric.h"
 #include "config_element.h"
-#include "metric_factory.h"
+#include "provider/metric_factory.h"
 #include "recording_sink.h"
 #include "reliability_host.h"
 #include "simulated_event_log.h"

@@ -1,8 +1,8 @@
 // Real MSXML configuration elements for tests.
 #pragma once
 
-#include "com_strings.h"
-#include "xml_dom.h"
+#include "win/com_strings.h"
+#include "win/xml_dom.h"
 
 #include <gtest/gtest.h>
 #include <wrl/client.h>

@@ -2,7 +2,7 @@
 // test; calls may come from any thread.
 #pragma once
 
-#include "logging.h"
+#include "metric/logging.h"
 #include "test_com_object.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // Writing events into the simulated event log, and reading its counters.
 #pragma once
 
-#include "eventlog_sim.h"
+#include "eventlog-sim/eventlog_sim.h"
 
 #include <windows.h>
 

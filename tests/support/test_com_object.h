@@ -3,7 +3,7 @@
 // check the provider's reference balance.
 #pragma once
 
-#include "ref_counted_object.h"
+#include "com/ref_counted_object.h"
 
 #include <agent.h>
 

@@ -1,6 +1,6 @@
 #include "console.h"
 
-#include "unique_resource.h"
+#include "win/unique_resource.h"
 
 #include <fcntl.h>
 #include <io.h>

@@ -2,7 +2,8 @@
 
 #include "console.h"
 #include "scenario.h"
-#include "unique_resource.h"
+#include "win/com_strings.h"
+#include "win/unique_resource.h"
 
 #include <oleauto.h>
 
@@ -357,10 +358,7 @@ EventFile ParseEventText(std::wstring_view text)
         position = Advance(position, text, positionAt, start);
         positionAt = start;
         const std::wstring where = L"event " + std::to_wstring(i + 1) + L" (";
-        const unique_bstr source(::SysAllocStringLen(text.data() + start, static_cast<UINT>(end - start)));
-        if (!source) {
-            throw std::bad_alloc();
-        }
+        const unique_bstr source = MakeBstr(std::wstring_view(text).substr(start, end - start));
         VARIANT_BOOL loaded = VARIANT_FALSE;
         if (FAILED(document->loadXML(source.get(), &loaded)) || loaded != VARIANT_TRUE) {
             file.fault = L"event " + std::to_wstring(i + 1) + L": " + ParseErrorOf(document.Get(), position);

@@ -3,7 +3,7 @@
 // the provider gave every reference back.
 #pragma once
 
-#include "ref_counted_object.h"
+#include "com/ref_counted_object.h"
 
 #include <atomic>
 

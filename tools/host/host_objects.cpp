@@ -1,6 +1,7 @@
 #include "host_objects.h"
 
 #include "console.h"
+#include "win/com_strings.h"
 
 #include <cstdio>
 #include <new>
@@ -79,12 +80,10 @@ STDMETHODIMP ValueSink::WriteMetricValue(BSTR key, BSTR name, VARIANT* value)
         } else if (V_VT(value) == VT_UI8) {
             received.number = V_UI8(value);
         } else {
-            VARIANT copy;
-            ::VariantInit(&copy);
-            if (SUCCEEDED(::VariantChangeType(&copy, value, VARIANT_ALPHABOOL, VT_BSTR))) {
-                received.text = FromBstr(V_BSTR(&copy));
+            ScopedVariant copy;
+            if (SUCCEEDED(::VariantChangeType(copy.get(), value, VARIANT_ALPHABOOL, VT_BSTR))) {
+                received.text = FromBstr(V_BSTR(copy.get()));
             }
-            ::VariantClear(&copy);
         }
         std::lock_guard lock(mutex_);
         values_.push_back(std::move(received));

@@ -8,8 +8,9 @@
 #include "scenario.h"
 #include "scenario_player.h"
 #include "simulator_controls.h"
-#include "unique_resource.h"
 #include "value_format.h"
+#include "win/com_strings.h"
+#include "win/unique_resource.h"
 
 #include <objbase.h>
 
@@ -39,15 +40,6 @@ public:
     ComApartment& operator=(const ComApartment&) = delete;
 };
 
-unique_bstr Bstr(const std::wstring& text)
-{
-    unique_bstr value(::SysAllocStringLen(text.data(), static_cast<UINT>(text.size())));
-    if (!value) {
-        throw std::bad_alloc();
-    }
-    return value;
-}
-
 // Everything subscribed goes again when this ends, however the run ends.
 class Subscriptions {
 public:
@@ -67,7 +59,7 @@ public:
     void Subscribe(const MetricConfig& metric)
     {
         any_ = true;
-        const HRESULT result = provider_->SubscribeMetric(Bstr(metric.name).get(), metric.element.Get());
+        const HRESULT result = provider_->SubscribeMetric(MakeBstr(metric.name).get(), metric.element.Get());
         if (FAILED(result)) {
             throw HostError(ExitCode::SubscribeFailed, L"cannot subscribe the metric '" + metric.name + L"': " +
                                                            DescribeError(static_cast<DWORD>(result)));
@@ -97,7 +89,7 @@ public:
             query.query = number_;
             query.metric = metric;
             sink_->Take();
-            query.result = provider_->QueryMetric(Bstr(metric).get(), static_cast<LONG_PTR>(number_), sink_);
+            query.result = provider_->QueryMetric(MakeBstr(metric).get(), static_cast<LONG_PTR>(number_), sink_);
             query.values = sink_->Take();
             failed_ = failed_ || FAILED(query.result);
             text += json_ ? JsonLines(query, now) : TableLines(query);

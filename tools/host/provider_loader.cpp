@@ -2,6 +2,10 @@
 
 #include "console.h"
 #include "exit_codes.h"
+#include "win/com_strings.h"
+#include "win/module_path.h"
+
+#include <zeph_eventlog_h.h>
 
 namespace zeph::host {
 
@@ -10,25 +14,11 @@ namespace {
 using DllGetClassObjectFunction = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
 using DllCanUnloadNowFunction = HRESULT(STDAPICALLTYPE*)();
 
-constexpr wchar_t kProviderClsidText[] = L"{DAF69464-F4E2-40C0-BCC3-A30E819975F0}";
-
 bool IsLoadFailure(HRESULT result)
 {
     return result == HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND) || result == HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) ||
            result == HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND) || result == HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT) ||
            result == HRESULT_FROM_WIN32(ERROR_DLL_INIT_FAILED) || result == HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
-}
-
-std::wstring FullPath(const std::wstring& path)
-{
-    const DWORD size = ::GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
-    if (size == 0) {
-        return path;
-    }
-    std::wstring full(size, L'\0');
-    const DWORD length = ::GetFullPathNameW(path.c_str(), size, full.data(), nullptr);
-    full.resize(length < size ? length : 0);
-    return full.empty() ? path : full;
 }
 
 }  // namespace
@@ -85,10 +75,10 @@ std::unique_ptr<ProviderInstance> ProviderInstance::CreateFromDll(const std::wst
                         L"'" + path + L"' is not a COM server: it does not export DllGetClassObject");
     }
     Microsoft::WRL::ComPtr<IClassFactory> factory;
-    HRESULT result = getClassObject(kProviderClsid, IID_PPV_ARGS(&factory));
+    HRESULT result = getClassObject(CLSID_Provider, IID_PPV_ARGS(&factory));
     if (result == CLASS_E_CLASSNOTAVAILABLE || result == E_NOINTERFACE) {
         throw HostError(ExitCode::ClassNotRegistered,
-                        L"'" + path + L"' does not offer the provider class " + kProviderClsidText);
+                        L"'" + path + L"' does not offer the provider class " + GuidString(CLSID_Provider));
     }
     if (SUCCEEDED(result)) {
         result = factory->CreateInstance(nullptr, IID_PPV_ARGS(&instance->provider_));

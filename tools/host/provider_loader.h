@@ -16,9 +16,6 @@
 
 namespace zeph::host {
 
-// {DAF69464-F4E2-40C0-BCC3-A30E819975F0}
-inline constexpr CLSID kProviderClsid = {0xDAF69464, 0xF4E2, 0x40C0, {0xBC, 0xC3, 0xA3, 0x0E, 0x81, 0x99, 0x75, 0xF0}};
-
 class ProviderInstance {
 public:
     static std::unique_ptr<ProviderInstance> CreateByProgId(const std::wstring& progId);

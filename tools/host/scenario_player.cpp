@@ -2,7 +2,7 @@
 
 #include "console.h"
 #include "exit_codes.h"
-#include "unique_resource.h"
+#include "win/unique_resource.h"
 
 #include <algorithm>
 #include <cstdio>

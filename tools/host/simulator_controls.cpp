@@ -1,6 +1,7 @@
 #include "simulator_controls.h"
 
 #include "exit_codes.h"
+#include "win/module_path.h"
 
 namespace zeph::host {
 
@@ -12,13 +13,6 @@ template <typename Function>
 Function Lookup(HMODULE module, const char* name)
 {
     return reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
-}
-
-std::wstring ModulePath(HMODULE module)
-{
-    wchar_t path[MAX_PATH] = {};
-    ::GetModuleFileNameW(module, path, MAX_PATH);
-    return path;
 }
 
 }  // namespace
@@ -40,7 +34,7 @@ SimulatorControls::SimulatorControls()
     waitForDeliveries_ = Lookup<decltype(&EvtSimWaitForDeliveries)>(module_, "EvtSimWaitForDeliveries");
     if (isSimulator == nullptr || !isSimulator() || addChannel_ == nullptr || writeEvent_ == nullptr || writeEventData_ == nullptr ||
         waitForDeliveries_ == nullptr) {
-        const std::wstring path = ModulePath(module_);
+        const std::wstring path = ModuleFilePath(module_);
         ::FreeLibrary(module_);
         module_ = nullptr;
         throw HostError(ExitCode::ScenarioFailed,

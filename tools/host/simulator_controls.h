@@ -7,7 +7,7 @@
 // stay valid after the provider is released.
 #pragma once
 
-#include "eventlog_sim.h"
+#include "eventlog-sim/eventlog_sim.h"
 
 #include <windows.h>
 

@@ -2,6 +2,7 @@
 
 #include "console.h"
 #include "exit_codes.h"
+#include "win/module_path.h"
 
 #include <windows.h>
 #include <oleauto.h>
@@ -10,13 +11,6 @@
 namespace zeph::host {
 
 namespace {
-
-std::wstring FullPath(const std::wstring& path)
-{
-    wchar_t full[MAX_PATH] = {};
-    const DWORD length = ::GetFullPathNameW(path.c_str(), MAX_PATH, full, nullptr);
-    return length > 0 && length < MAX_PATH ? std::wstring(full) : path;
-}
 
 Microsoft::WRL::ComPtr<ITypeLib> Load(const std::wstring& path)
 {

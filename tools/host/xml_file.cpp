@@ -1,7 +1,9 @@
 #include "xml_file.h"
 
 #include "console.h"
-#include "unique_resource.h"
+#include "win/com_strings.h"
+#include "win/module_path.h"
+#include "win/unique_resource.h"
 
 #include <oleauto.h>
 
@@ -51,12 +53,7 @@ ComPtr<IXMLDOMDocument> LoadXmlFile(const std::wstring& path, const wchar_t* wha
             throw HostError(missing, L"cannot read the " + quoted + L": " + SystemMessage(::GetLastError()));
         }
     }
-    std::wstring fullPath(MAX_PATH, L'\0');
-    const DWORD length = ::GetFullPathNameW(path.c_str(), MAX_PATH, fullPath.data(), nullptr);
-    fullPath.resize(length > 0 && length < MAX_PATH ? length : 0);
-    if (fullPath.empty()) {
-        fullPath = path;
-    }
+    const std::wstring fullPath = FullPath(path);
 
     ComPtr<IXMLDOMDocument> document;
     HRESULT result = ::CoCreateInstance(kClsidDomDocument30, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&document));
@@ -69,13 +66,10 @@ ComPtr<IXMLDOMDocument> LoadXmlFile(const std::wstring& path, const wchar_t* wha
     document->put_resolveExternals(VARIANT_FALSE);
     document->put_preserveWhiteSpace(VARIANT_TRUE);
 
-    VARIANT source;
-    ::VariantInit(&source);
-    V_VT(&source) = VT_BSTR;
-    V_BSTR(&source) = ::SysAllocString(fullPath.c_str());
+    ScopedVariant source;
+    source.SetString(fullPath);
     VARIANT_BOOL loaded = VARIANT_FALSE;
-    result = document->load(source, &loaded);
-    ::VariantClear(&source);
+    result = document->load(*source.get(), &loaded);
     if (FAILED(result) || loaded != VARIANT_TRUE) {
         throw HostError(malformed, L"the " + quoted + L" is " + ParseErrorText(document.Get()));
     }

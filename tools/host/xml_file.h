@@ -2,7 +2,7 @@
 #pragma once
 
 #include "exit_codes.h"
-#include "xml_dom.h"
+#include "win/xml_dom.h"
 
 #include <wrl/client.h>
 

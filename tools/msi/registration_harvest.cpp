@@ -1,6 +1,6 @@
 #include "registration_harvest.h"
 
-#include "unique_resource.h"
+#include "win/unique_resource.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,11 +1,11 @@
-#include "app_crash_metric.h"
+#include "appcrash/app_crash_metric.h"
 
-#include "crash_text.h"
-#include "event_log_handle.h"
-#include "event_log_reader.h"
-#include "hresult.h"
-#include "logging.h"
-#include "metric_value_writer.h"
+#include "appcrash/crash_text.h"
+#include "metric/event_log_handle.h"
+#include "metric/event_log_reader.h"
+#include "metric/logging.h"
+#include "metric/metric_value_writer.h"
+#include "win/hresult.h"
 
 #include <memory>
 #include <new>
@@ -45,12 +45,13 @@ void CAppCrashMetric::ParseEventLog(EVT_HANDLE event)
     unique_evt_handle renderContext;
     std::lock_guard lock(mutex_);
     if (hostNameText_.empty()) {
-        QueryHostName();  // a failure is retried with the next event
+        (void)QueryHostName();  // a failure is logged there and retried with the next event
     }
     crashTimeText_.clear();
 
     // The render context is made for this event and closed after the lock is released.
-    RenderEventValues(*renderContext.put(), event, kTimeCreatedPath, 1, [this](PEVT_VARIANT& values) {
+    // A failed render leaves the crash without a time part; the message still counts.
+    (void)RenderEventValues(*renderContext.put(), event, kTimeCreatedPath, 1, [this](PEVT_VARIANT& values) {
         // An event without its time renders as a null value: the crash then
         // goes without a time part rather than with a made-up 1601 one.
         if (values != nullptr && values[0].Type == EvtVarTypeFileTime) {
@@ -58,9 +59,10 @@ void CAppCrashMetric::ParseEventLog(EVT_HANDLE event)
         }
     });
 
-    // Opened afresh for every event and deliberately left open.
+    // Opened afresh for every event and deliberately left open. An event whose
+    // message cannot be formatted is no crash we can report: it is skipped.
     EVT_HANDLE publisher = ::EvtOpenPublisherMetadata(nullptr, kCrashPublisher, nullptr, 0, 0);
-    FormatEventMessage(publisher, event, [this](const wchar_t* message) { AddCrashEntry(message); });
+    (void)FormatEventMessage(publisher, event, [this](const wchar_t* message) { AddCrashEntry(message); });
 }
 
 void CAppCrashMetric::AddCrashEntry(const wchar_t* message)

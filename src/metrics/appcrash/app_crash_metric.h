@@ -12,9 +12,9 @@
 // Teardown: deliveries stop before any member goes.
 #pragma once
 
-#include "crash_text.h"
-#include "metric.h"
-#include "private_heap.h"
+#include "appcrash/crash_text.h"
+#include "metric/metric.h"
+#include "win/private_heap.h"
 
 #include <cstdint>
 #include <deque>
@@ -44,7 +44,7 @@ public:
     CAppCrashMetric(const wchar_t* name, IProviderLogger* logger, IProviderHostContext* hostContext);
     ~CAppCrashMetric() override;
 
-    HRESULT CollectMetric(IMetricValueSink* sink, LONG_PTR context) override;
+    [[nodiscard]] HRESULT CollectMetric(IMetricValueSink* sink, LONG_PTR context) override;
 
     void UseComputerNameQuery(ComputerNameQuery query) noexcept { computerNameQuery_ = query; }
 
@@ -55,10 +55,10 @@ private:
     void AddCrashEntry(const wchar_t* message);
     CrashText TakeSpareText();
     void KeepSpareText(CrashText&& text) noexcept;
-    bool QueryHostName();
-    HRESULT ReportCrashFlag(IMetricValueSink* sink);
-    HRESULT ReportCrashDetails(IMetricValueSink* sink);
-    HRESULT WriteCrashDetail(IMetricValueSink* sink, const CrashEntry& entry, uint32_t position);
+    [[nodiscard]] bool QueryHostName();
+    [[nodiscard]] HRESULT ReportCrashFlag(IMetricValueSink* sink);
+    [[nodiscard]] HRESULT ReportCrashDetails(IMetricValueSink* sink);
+    [[nodiscard]] HRESULT WriteCrashDetail(IMetricValueSink* sink, const CrashEntry& entry, uint32_t position);
 
     ComputerNameQuery computerNameQuery_;
     std::mutex mutex_;

@@ -1,6 +1,6 @@
-#include "crash_text.h"
+#include "appcrash/crash_text.h"
 
-#include "code_unit_search.h"
+#include "win/code_unit_search.h"
 
 namespace zeph {
 

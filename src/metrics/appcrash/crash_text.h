@@ -1,7 +1,7 @@
 // The parts of a crash's detail text.
 #pragma once
 
-#include "private_heap.h"
+#include "win/private_heap.h"
 
 #include <windows.h>
 

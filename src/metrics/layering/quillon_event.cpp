@@ -1,4 +1,4 @@
-#include "quillon_event.h"
+#include "layering/quillon_event.h"
 
 #include <string_view>
 

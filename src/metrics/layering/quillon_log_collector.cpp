@@ -1,7 +1,7 @@
-#include "quillon_log_collector.h"
+#include "layering/quillon_log_collector.h"
 
-#include "code_unit_search.h"
-#include "logging.h"
+#include "metric/logging.h"
+#include "win/code_unit_search.h"
 
 #include <algorithm>
 #include <iterator>
@@ -331,8 +331,8 @@ bool CQuillonLogCollector::FindLoginResponse()
         Log(logger_.Get(), LogLevel::Error, kLoginResponseNotFound);
         return false;
     }
-    // Mount lines before the answer belong to an earlier log-on.
-    ParseMountedTesseras(collectedText_, response + std::size(kLoginResponse) - 1);
+    // Mount lines before the answer belong to an earlier log-on. (Always true.)
+    (void)ParseMountedTesseras(collectedText_, response + std::size(kLoginResponse) - 1);
     return true;
 }
 

@@ -16,7 +16,7 @@
 // Threads: no lock of its own; the owner serialises every call.
 #pragma once
 
-#include "unique_resource.h"
+#include "win/unique_resource.h"
 
 #include <agent.h>
 #include <windows.h>
@@ -47,19 +47,19 @@ public:
 
     // Starts a cycle: forgets the Tesseras and the search, locates the log
     // folder and remembers the log's present size (0 when it does not exist yet).
-    bool PrepareCollectLog();
+    [[nodiscard]] bool PrepareCollectLog();
 
     // Replaces the collected text with everything appended since
     // PrepareCollectLog, across a rotation if there was one.
-    bool CollectLog();
+    [[nodiscard]] bool CollectLog();
 
     // Once per cycle: collects the log and, when the manager's answer is in it,
     // takes the mount lines that follow. Later calls succeed without reading.
-    bool FindLoginResponse();
+    [[nodiscard]] bool FindLoginResponse();
 
     // Appends every mount entry of text from start on, in text order.
     // Nothing here fails but allocation; always true.
-    bool ParseMountedTesseras(const std::wstring& text, size_t start);
+    [[nodiscard]] bool ParseMountedTesseras(const std::wstring& text, size_t start);
 
     // The Tesseras found since PrepareCollectLog, in the order found.
     std::vector<TesseraEntry> GetTesseras() const;
@@ -69,18 +69,18 @@ public:
     DWORD BeginSize() const noexcept { return beginSize_; }
 
 private:
-    bool FindLogDirectory();
-    bool OpenServiceKey(HKEY* key);
-    bool QueryImagePath(HKEY key);
+    [[nodiscard]] bool FindLogDirectory();
+    [[nodiscard]] bool OpenServiceKey(HKEY* key);
+    [[nodiscard]] bool QueryImagePath(HKEY key);
     unique_file OpenLogFile(const std::wstring& path, DWORD& error);
-    bool GetLogFileSize(HANDLE file, DWORD& size);
-    bool SetReadPosition(HANDLE file, DWORD offset);
-    bool ReadLogBytes(HANDLE file, DWORD count, std::wstring& destination);
-    bool ReadNewLogs(HANDLE file);
-    bool ReadCurrentLog(HANDLE file);
-    bool ReadRotatedLogs(HANDLE file);
-    bool ReadBackupLog(std::wstring& destination);
-    static bool ExtractMountEntry(const std::wstring& text, size_t start, std::wstring& path, std::wstring& id,
+    [[nodiscard]] bool GetLogFileSize(HANDLE file, DWORD& size);
+    [[nodiscard]] bool SetReadPosition(HANDLE file, DWORD offset);
+    [[nodiscard]] bool ReadLogBytes(HANDLE file, DWORD count, std::wstring& destination);
+    [[nodiscard]] bool ReadNewLogs(HANDLE file);
+    [[nodiscard]] bool ReadCurrentLog(HANDLE file);
+    [[nodiscard]] bool ReadRotatedLogs(HANDLE file);
+    [[nodiscard]] bool ReadBackupLog(std::wstring& destination);
+    [[nodiscard]] static bool ExtractMountEntry(const std::wstring& text, size_t start, std::wstring& path, std::wstring& id,
                                   size_t& next);
 
     std::wstring logDirectory_;

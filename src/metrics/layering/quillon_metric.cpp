@@ -1,10 +1,10 @@
-#include "quillon_metric.h"
+#include "layering/quillon_metric.h"
 
-#include "event_log_handle.h"
-#include "event_log_reader.h"
-#include "logging.h"
-#include "metric_value_writer.h"
-#include "registry_string.h"
+#include "layering/registry_string.h"
+#include "metric/event_log_handle.h"
+#include "metric/event_log_reader.h"
+#include "metric/logging.h"
+#include "metric/metric_value_writer.h"
 
 #include <iterator>
 
@@ -83,7 +83,8 @@ void CQuillonMetric::ParseEventLog(EVT_HANDLE event)
     const std::lock_guard lock(lock_);
 
     unique_evt_handle renderContext;
-    RenderEventValues(*renderContext.put(), event, kEventValuePaths, static_cast<DWORD>(std::size(kEventValuePaths)),
+    // A failed render leaves the event's id and time as the last event left them.
+    (void)RenderEventValues(*renderContext.put(), event, kEventValuePaths, static_cast<DWORD>(std::size(kEventValuePaths)),
                       [this](PEVT_VARIANT& values) {
                           if (values == nullptr) {
                               return;
@@ -98,7 +99,8 @@ void CQuillonMetric::ParseEventLog(EVT_HANDLE event)
 
     // Opened per event and deliberately left open, as the crash metric does.
     const EVT_HANDLE publisher = ::EvtOpenPublisherMetadata(nullptr, kPublisherName, nullptr, 0, 0);
-    FormatEventMessage(publisher, event, [this](const wchar_t* message) { currentEvent_.message = message; });
+    // An unformattable message keeps the last one, which classifies as before.
+    (void)FormatEventMessage(publisher, event, [this](const wchar_t* message) { currentEvent_.message = message; });
 
     // Handled in place: nothing below changes it, and a copy would cost a
     // string allocation per event on the delivery thread.
@@ -112,7 +114,8 @@ void CQuillonMetric::HandleQuillonEvent(const QuillonEvent& event)
     switch (ClassifyEventMessage(event.message)) {
     case QuillonEventKind::LogOn:
         logonTime_ = event.timeCreated;
-        collector_->PrepareCollectLog();
+        // Without the log's folder or size the cycle goes on from the events alone.
+        (void)collector_->PrepareCollectLog();
         break;
     case QuillonEventKind::LogOnResponse:
         // The first response after a log-on is the one the user waited for.
@@ -120,7 +123,7 @@ void CQuillonMetric::HandleQuillonEvent(const QuillonEvent& event)
             logonResponseTime_ = event.timeCreated;
         }
         Log(Logger(), LogLevel::Info, kTryEventLog);
-        collector_->ParseMountedTesseras(event.message, 0);
+        (void)collector_->ParseMountedTesseras(event.message, 0);  // always true
         break;
     case QuillonEventKind::VolumesReady:
         volumesReadyTime_ = event.timeCreated;
@@ -137,7 +140,8 @@ void CQuillonMetric::HandleQuillonEvent(const QuillonEvent& event)
         const TesseraList tesseras = collector_->GetTesseras();
         if (tesseras.empty()) {
             Log(Logger(), LogLevel::Info, kTryServiceLog);
-            collector_->FindLoginResponse();
+            // Nothing found leaves the list empty, which the query reports as such.
+            (void)collector_->FindLoginResponse();
             // Over the list taken before the search, so nothing is listed here.
             LogTesseras(tesseras.begin(), tesseras.end());
         }
@@ -163,7 +167,8 @@ HRESULT CQuillonMetric::CollectMetric(IMetricValueSink* sink, LONG_PTR /*context
     if (FAILED(timestamps)) {
         LogFailure(Logger(), timestamps, kTimestampsFailed);
     }
-    ReportManagerHost(sink);
+    // The manager's host is optional: its failures are logged, the result is the instances'.
+    (void)ReportManagerHost(sink);
     return ReportInstances(sink);
 }
 

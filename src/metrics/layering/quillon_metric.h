@@ -13,9 +13,9 @@
 // allocation failures and a failing lock throw.
 #pragma once
 
-#include "metric.h"
-#include "quillon_event.h"
-#include "quillon_log_collector.h"
+#include "layering/quillon_event.h"
+#include "layering/quillon_log_collector.h"
+#include "metric/metric.h"
 
 #include <memory>
 #include <mutex>
@@ -31,7 +31,7 @@ public:
 
     // Writes the time stamps, the manager host and the Tesseras. The result is
     // that of the Tessera writes alone; the other failures are only logged.
-    HRESULT CollectMetric(IMetricValueSink* sink, LONG_PTR context) override;
+    [[nodiscard]] HRESULT CollectMetric(IMetricValueSink* sink, LONG_PTR context) override;
 
 protected:
     void ParseEventLog(EVT_HANDLE event) override;
@@ -42,10 +42,10 @@ private:
     void HandleQuillonEvent(const QuillonEvent& event);
     void LogTesseras(TesseraList::const_iterator first, TesseraList::const_iterator last);
 
-    HRESULT ReportTimestamps(IMetricValueSink* sink);
-    HRESULT ReportManagerHost(IMetricValueSink* sink);
-    HRESULT ReadManagerHost();
-    HRESULT ReportInstances(IMetricValueSink* sink);
+    [[nodiscard]] HRESULT ReportTimestamps(IMetricValueSink* sink);
+    [[nodiscard]] HRESULT ReportManagerHost(IMetricValueSink* sink);
+    [[nodiscard]] HRESULT ReadManagerHost();
+    [[nodiscard]] HRESULT ReportInstances(IMetricValueSink* sink);
 
     // FILETIMEs of the log-on's moments; 0 while not seen.
     ULONGLONG logonTime_ = 0;

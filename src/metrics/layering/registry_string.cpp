@@ -1,7 +1,7 @@
-#include "registry_string.h"
+#include "layering/registry_string.h"
 
-#include "hresult.h"
-#include "unique_resource.h"
+#include "win/hresult.h"
+#include "win/unique_resource.h"
 
 namespace zeph {
 

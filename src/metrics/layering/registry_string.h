@@ -12,6 +12,6 @@ namespace zeph {
 // an HRESULT; 0x8007000D (ERROR_INVALID_DATA) for another type, odd length or
 // a missing terminator. out is untouched on failure. The key is always closed.
 // Throws HResultError(E_OUTOFMEMORY) when the buffer cannot be allocated.
-HRESULT ReadRegistryString(HKEY root, const wchar_t* subkey, const wchar_t* valueName, std::wstring& out);
+[[nodiscard]] HRESULT ReadRegistryString(HKEY root, const wchar_t* subkey, const wchar_t* valueName, std::wstring& out);
 
 }  // namespace zeph

@@ -1,6 +1,11 @@
-#include "com_strings.h"
+#include "win/com_strings.h"
 
-#include "hresult.h"
+#include "win/hresult.h"
+
+#include <objbase.h>
+
+#include <iterator>
+#include <new>
 
 namespace zeph {
 
@@ -8,9 +13,16 @@ unique_bstr MakeBstr(std::wstring_view text)
 {
     unique_bstr result(::SysAllocStringLen(text.data(), static_cast<UINT>(text.size())));
     if (!result) {
-        ThrowHResult(E_OUTOFMEMORY);
+        throw std::bad_alloc();
     }
     return result;
+}
+
+std::wstring GuidString(REFGUID guid)
+{
+    wchar_t text[39] = {};  // braces, 32 digits, 4 dashes and the terminating zero
+    const int length = ::StringFromGUID2(guid, text, static_cast<int>(std::size(text)));
+    return std::wstring(text, length > 0 ? static_cast<size_t>(length - 1) : 0);
 }
 
 void ScopedVariant::Clear()

@@ -1,4 +1,4 @@
-#include "hresult.h"
+#include "win/hresult.h"
 
 #include <new>
 

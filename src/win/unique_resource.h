@@ -40,7 +40,7 @@ public:
         return &value_;
     }
 
-    pointer release() noexcept { return std::exchange(value_, Traits::invalid()); }
+    [[nodiscard]] pointer release() noexcept { return std::exchange(value_, Traits::invalid()); }
 
     void reset(pointer value = Traits::invalid()) noexcept
     {

@@ -1,5 +1,7 @@
 // One exception type for failures inside the DLL, and the barrier that turns
 // exceptions into HRESULTs at every COM method, export and callback.
+// Functions that return an HRESULT or a success flag are [[nodiscard]]: where a
+// result is dropped on purpose, the caller writes (void) and says why.
 #pragma once
 
 #include <windows.h>
@@ -31,7 +33,7 @@ inline void ThrowIfFailed(HRESULT code)
 
 // A Win32 code as an HRESULT: 0 and negative values pass unchanged, any other
 // becomes (code & 0xFFFF) | 0x80070000.
-constexpr HRESULT HResultFromWin32(long code) noexcept
+[[nodiscard]] constexpr HRESULT HResultFromWin32(long code) noexcept
 {
     return code <= 0 ? static_cast<HRESULT>(code)
                      : static_cast<HRESULT>((static_cast<unsigned long>(code) & 0xFFFFu) | 0x80070000u);
@@ -40,11 +42,11 @@ constexpr HRESULT HResultFromWin32(long code) noexcept
 // Maps the exception being handled to an HRESULT: the one it carries,
 // E_OUTOFMEMORY for an allocation failure, E_UNEXPECTED for anything else.
 // Call only inside a catch block.
-HRESULT HResultFromCurrentException() noexcept;
+[[nodiscard]] HRESULT HResultFromCurrentException() noexcept;
 
 // Runs body and returns its HRESULT; no exception gets past it.
 template <typename Body>
-HRESULT ComBarrier(Body&& body) noexcept
+[[nodiscard]] HRESULT ComBarrier(Body&& body) noexcept
 {
     try {
         return body();

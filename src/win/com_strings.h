@@ -1,9 +1,9 @@
 // BSTR and VARIANT helpers for values that cross the COM boundary.
-// Allocation failures throw HResultError(E_OUTOFMEMORY); a VARIANT that cannot be
-// cleared throws the HRESULT of the clearing.
+// Allocation failures throw std::bad_alloc; a VARIANT that cannot be cleared
+// throws the HRESULT of the clearing.
 #pragma once
 
-#include "unique_resource.h"
+#include "win/unique_resource.h"
 
 #include <windows.h>
 #include <oleauto.h>
@@ -14,7 +14,10 @@
 namespace zeph {
 
 // A BSTR holding text (its length taken from the view, so embedded zeros survive).
-unique_bstr MakeBstr(std::wstring_view text);
+[[nodiscard]] unique_bstr MakeBstr(std::wstring_view text);
+
+// The GUID in registry form, "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}" (upper case).
+[[nodiscard]] std::wstring GuidString(REFGUID guid);
 
 // Owns a VARIANT and clears it when destroyed.
 class ScopedVariant {
