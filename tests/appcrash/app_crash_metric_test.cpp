@@ -1,8 +1,5 @@
-// The crash metric on its own, fed by the simulated event log, and its text
-// rules. Refusals, null sinks, odd events and generated texts are in
-// tests/reliability.
+// The crash metric on its own, fed by the simulated event log, and its text rules.
 #include "appcrash/app_crash_metric.h"
-#include "appcrash/crash_text.h"
 #include "config_element.h"
 #include "metric/diagnostics.h"
 #include "provider/metric_factory.h"
@@ -172,7 +169,7 @@ TEST_F(AppCrashMetricTest, HostNameIsRetriedUntilTheSystemGivesIt)
     EXPECT_EQ(writes[4].text, L"fourth" + std::wstring(kCrashTimeText) + HostNamePart());
 }
 
-TEST_F(AppCrashMetricTest, ARefusedDetailStaysWithTheOnesBehindIt)
+TEST_F(AppCrashMetricTest, ARefusedDetailStaysWithTheOnesBehindItUntilItsThirdRefusalDropsIt)
 {
     for (const wchar_t* message : {L"crash 1", L"crash 2", L"crash 3"}) {
         Crash(message);
@@ -184,9 +181,51 @@ TEST_F(AppCrashMetricTest, ARefusedDetailStaysWithTheOnesBehindIt)
     EXPECT_EQ(logger_->Texts(), std::vector<std::wstring>{WithSystemText(
                                     L"Failed to collect metric 'appcrash|crash_details|*'.", kRefused)});
 
+    // Refused twice more as the first detail: the third refusal drops it, and only it.
+    sink_->Refuse(kCrashDetailsKey, kRefused, L"1");
+    EXPECT_EQ(Report(), kRefused);
+    logger_->Clear();
+    EXPECT_EQ(Report(), kRefused);
+    EXPECT_EQ(logger_->Lines().back(),
+              (LogLine{LogLevel::Info, L"Collecting metric has exceeded max failure times. Delete event from list ''"}));
     sink_->SetPolicy(nullptr);
     EXPECT_EQ(Report(), S_OK);
-    EXPECT_EQ(Written(), (Details{{L"1", L"crash 2"}, {L"2", L"crash 3"}}));
+    EXPECT_EQ(Written(), (Details{{L"1", L"crash 3"}}));
+}
+
+// What no host and no event may do: cost a pending crash its chance, or change its text.
+TEST_F(AppCrashMetricTest, OddEventsAndFailingHostsLoseNothingPending)
+{
+    std::wstring hugeMessage, hugeDetail;  // 3000 lines of about a hundred characters
+    for (int line = 0; line < 3000; ++line) {
+        const std::wstring text = L"frame " + std::to_wstring(line) + L": " + std::wstring(90, L'x');
+        hugeMessage += text + L"\r\n";
+        hugeDetail += text + L"<br />";
+    }
+    Crash(hugeMessage);
+    Crash(L"%s %d %n %08lx %% <br /> &amp;");
+    WriteEvent(kChannel, kCrashPublisher, 1000, kCrashTime, L"no time", EVT_SIM_NO_TIME);
+    WriteEvent(kChannel, kCrashPublisher, 1000, kCrashTime, L"never reported",
+               EVT_SIM_UNFORMATTABLE | EVT_SIM_NO_TIME | EVT_SIM_NO_EVENT_ID);
+    WaitForDeliveries();
+
+    const std::wstring flagFailed = L"Failed to write metric flag 'appcrash|contained'.";
+    for (int query = 0; query < 3; ++query) EXPECT_EQ(metric_->CollectMetric(nullptr, 0), E_POINTER);
+    sink_->SetPolicy([](const std::wstring&, const std::wstring&) { return E_FAIL; });
+    for (int query = 0; query < 4; ++query) EXPECT_EQ(Report(), E_FAIL);
+    EXPECT_EQ(sink_->Writes().size(), 1u) << "no detail after a refused flag";
+    EXPECT_TRUE(logger_->Has(LogLevel::Error, WithSystemText(flagFailed, E_POINTER)));
+    EXPECT_TRUE(logger_->Has(LogLevel::Error, WithSystemText(flagFailed, E_FAIL)));
+    sink_->SetPolicy([](const std::wstring&, const std::wstring&) { return S_FALSE; });  // a success too
+
+    ASSERT_EQ(Report(), S_OK);
+    const std::wstring host = HostNamePart();
+    EXPECT_EQ(Written().size(), 3u);
+    const auto writes = sink_->Writes();
+    ASSERT_EQ(writes.size(), 4u);
+    EXPECT_EQ(writes[1].text, hugeDetail + kCrashTimeText + host);
+    EXPECT_EQ(writes[2].text, L"%s %d %n %08lx %% <br /> &amp;" + std::wstring(kCrashTimeText) + host);
+    EXPECT_EQ(writes[3].text, L"no time" + host);
 }
 
 TEST_F(AppCrashMetricTest, NothingPendingWritesNothingAndLogsOnlyAtInfoLevel)

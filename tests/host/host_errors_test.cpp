@@ -66,124 +66,43 @@ protected:
     std::wstring dll_ = BinFolder() + L"zeph_eventlog.dll";
 };
 
-TEST_F(HostErrors, UsageErrorsExitWithTwo)
-{
-    const std::wstring help = L" (see zeph-host --help)";
-    const std::wstring interval = L"--interval takes a number of seconds from 1 to 86400, not '";
-    Expect({
-        {{L"--frobnicate"}, kUsage, L"unknown option '--frobnicate'" + help},
-        {{L"--config"}, kUsage, L"option --config needs a value" + help},
-        {{L"--config", config_, L"--interval", L"0"}, kUsage, interval + L"0'" + help},
-        {{L"--config", config_, L"--interval=99999999999"}, kUsage, interval + L"99999999999'" + help},
-        {{L"--config", config_, L"--log", L"error,debug"}, kUsage,
-         L"--log takes error, warning, info (comma-separated), all or none, not 'error,debug'" + help},
-        {{L"--config", config_, L"--once=yes"}, kUsage, L"option --once takes no value" + help},
-        {{L"--config", config_, L"--dll", L"a.dll", L"--progid", L"A.B"}, kUsage,
-         L"--dll and --progid exclude each other" + help},
-        {{L"--once"}, kUsage, L"no configuration file: give --config FILE" + help},
-        {{L"--config", config_, L"stray"}, kUsage, L"unexpected argument 'stray'" + help},
-    });
-}
-
-TEST_F(HostErrors, HelpDocumentsOptionsAndExitCodes)
-{
-    const HostRun run = RunZephHost({L"--help"});
-    EXPECT_EQ(run.exitCode, 0u);
-    EXPECT_EQ(run.err, L"");
-    for (const wchar_t* option : {L"--config", L"--dll", L"--progid", L"--once", L"--interval", L"--json", L"--log",
-                                  L"--scenario", L"--register-tlb", L"--unregister-tlb", L"--help"}) {
-        EXPECT_NE(run.out.find(option), std::wstring::npos) << testing::PrintToString(option);
-    }
-    for (int code = 0; code <= 9; ++code) {
-        EXPECT_NE(run.out.find(L"\n  " + std::to_wstring(code) + L"  "), std::wstring::npos) << "exit code " << code;
-    }
-}
-
-TEST_F(HostErrors, ConfigurationMissingOrMalformed)
+// One refusal per exit code; the texts are the host's own.
+TEST_F(HostErrors, EachRefusalHasItsExitCodeAndLine)
 {
     const std::wstring absent = folder_.Path() + L"\\absent.xml";
-    const std::wstring unclosed = folder_.WriteFile(L"unclosed.xml", "<zeph-host><metric name=\"a\">\n");
-    const std::wstring none = folder_.WriteFile(L"none.xml", "<zeph-host>\n  <!-- nothing -->\n</zeph-host>\n");
     const std::wstring foreign =
         folder_.WriteFile(L"foreign.xml", "<zeph-host><metric name=\"m\"/><metrics name=\"n\"/></zeph-host>");
-    const std::wstring unnamed = folder_.WriteFile(
-        L"unnamed.xml", "<zeph-host><metric name=\"m\"/><metric><channel>Application</channel></metric></zeph-host>");
-    auto file = [](const std::wstring& path) { return L"the configuration file '" + path + L"'"; };
-    Expect({
-        {{L"--config", absent, L"--once"}, kConfigMissing, L"cannot read " + file(absent) + L": *"},
-        {{L"--config", unclosed, L"--once"}, kConfigMalformed, file(unclosed) + L" is not well-formed XML*"},
-        {{L"--config", none, L"--once"}, kConfigMalformed, file(none) + L" has no <metric> element"},
-        {{L"--config", foreign, L"--once"}, kConfigMalformed,
-         file(foreign) + L" has an element <metrics> where only <metric> may stand"},
-        {{L"--config", unnamed, L"--once"}, kConfigMalformed, file(unnamed) + L": metric 2 has no name attribute"},
-    });
-}
-
-TEST_F(HostErrors, ProviderThatCannotBeCreatedOrSubscribe)
-{
-    const std::wstring absentDll = folder_.Path() + L"\\absent.dll";
     const std::wstring eventLogDll = BinFolder() + L"wevtapi.dll";
-    wchar_t system[MAX_PATH] = {};
-    ::GetSystemDirectoryW(system, MAX_PATH);
-    const std::wstring otherServer = std::wstring(system) + L"\\msxml3.dll";
-    const std::wstring noChannel = folder_.WriteFile(
-        L"no-channel.xml", "<zeph-host><metric name=\"eventlog|eventlog_appcrash\"><query>*</query></metric></zeph-host>");
     const std::wstring noQuery = folder_.WriteFile(
         L"no-query.xml",
         "<zeph-host><metric name=\"eventlog|eventlog_appcrash\"><channel>Application</channel><query>*</query></metric>"
         "<metric name=\"eventlog|eventlog_quillon\"><channel>Application</channel></metric></zeph-host>");
-    const std::wstring cannotSubscribe = L"cannot subscribe the metric 'eventlog|eventlog_";
+    const std::wstring badScenario =
+        folder_.WriteFile(L"bad.xml", "<scenario><event channel='Application' publisher='p' id='70000'>x</event></scenario>");
+    // Away from the simulator's wevtapi.dll the provider gets the system's (Wine's own).
+    const std::wstring copy = folder_.Path() + L"\\zeph_eventlog.dll";
+    ASSERT_TRUE(::CopyFileW(dll_.c_str(), copy.c_str(), TRUE));
+    const std::wstring query = folder_.WriteFile(L"s.xml", "<scenario><query/></scenario>");
     Expect({
-        {{L"--config", config_, L"--once", L"--dll", absentDll}, kDllNotLoaded,
-         L"cannot load the provider DLL '" + absentDll + L"': *"},
-        {{L"--config", config_, L"--once", L"--dll", config_}, kDllNotLoaded, L"cannot load the provider DLL '" + config_ + L"': *"},
+        {{L"--config", config_, L"--interval", L"0"}, kUsage,
+         L"--interval takes a number of seconds from 1 to 86400, not '0' (see zeph-host --help)"},
+        {{L"--config", absent, L"--once"}, kConfigMissing, L"cannot read the configuration file '" + absent + L"': *"},
+        {{L"--config", foreign, L"--once"}, kConfigMalformed,
+         L"the configuration file '" + foreign + L"' has an element <metrics> where only <metric> may stand"},
         {{L"--config", config_, L"--once", L"--dll", eventLogDll}, kDllNotLoaded,
          L"'" + eventLogDll + L"' is not a COM server: it does not export DllGetClassObject"},
-        {{L"--config", config_, L"--once", L"--dll", otherServer}, kClassNotRegistered,
-         L"'" + otherServer + L"' does not offer the provider class {DAF69464-F4E2-40C0-BCC3-A30E819975F0}"},
         {{L"--config", config_, L"--once", L"--progid", L"ZephTest.NoSuchProvider"}, kClassNotRegistered,
          L"the class 'ZephTest.NoSuchProvider' is not registered: register the provider (regsvr32 zeph_eventlog.dll) "
          L"or give --dll PATH"},
         // The provider's own log lines stay off, so the host's line is the only one.
-        {{L"--config", noChannel, L"--once", L"--log", L"none", L"--dll", dll_}, kSubscribeFailed,
-         cannotSubscribe + L"appcrash': 0x80070490*"},
         {{L"--config", noQuery, L"--once", L"--log", L"none", L"--dll", dll_}, kSubscribeFailed,
-         cannotSubscribe + L"quillon': 0x80070490*"},
+         L"cannot subscribe the metric 'eventlog|eventlog_quillon': 0x80070490*"},
+        {With({L"--scenario", badScenario}), kScenarioInvalid,
+         L"the scenario '" + badScenario +
+             L"', step 1 <event>: attribute id must be a whole number from 0 to 65535, not '70000'"},
+        {{L"--config", config_, L"--once", L"--dll", copy, L"--scenario", query}, kScenarioFailed,
+         L"scenario replay needs the simulated event log, but the wevtapi.dll in use (*) is the system's event log"},
     });
-}
-
-TEST_F(HostErrors, ScenarioMissingMalformedOrWithoutTheSimulator)
-{
-    const std::pair<const char*, std::wstring> bad[] = {
-        {"<steps><query/></steps>", L" must have the root element <scenario>, not <steps>"},
-        {"<scenario><query/><wait ms='5'/></scenario>",
-         L", step 2 <wait>: unknown step (expected event, append, pause, query, Event or replay)"},
-        {"<scenario><event channel='Application' publisher='p'>text</event></scenario>",
-         L", step 1 <event>: attribute id is missing"},
-        {"<scenario><event channel='Application' publisher='p' id='70000'>x</event></scenario>",
-         L", step 1 <event>: attribute id must be a whole number from 0 to 65535, not '70000'"},
-        {"<scenario><event channel='Application' publisher='p' id='1' time='2024-02-30T10:00:00Z'>x</event></scenario>",
-         L", step 1 <event>: attribute time must read like 2024-05-14T08:02:11.418Z (UTC), not '2024-02-30T10:00:00Z'"},
-        {"<scenario><pause ms='-1'/></scenario>",
-         L", step 1 <pause>: attribute ms must be a whole number from 0 to 3600000, not '-1'"},
-        {"<scenario><query>now</query></scenario>", L", step 1 <query>: takes no content"},
-        {"<scenario><append>line</append></scenario>", L", step 1 <append>: attribute file is missing"},
-        {"<scenario><append file='x.log'><line/></append></scenario>", L", step 1 <append>: holds text only, no elements"},
-    };
-    const std::wstring absent = folder_.Path() + L"\\absent.xml";
-    std::vector<Refusal> refusals = {
-        {With({L"--scenario", absent}), kScenarioInvalid, L"cannot read the scenario '" + absent + L"': *"}};
-    for (size_t i = 0; i < std::size(bad); ++i) {
-        const std::wstring file = folder_.WriteFile(L"bad" + std::to_wstring(i) + L".xml", bad[i].first);
-        refusals.push_back({With({L"--scenario", file}), kScenarioInvalid, L"the scenario '" + file + L"'" + bad[i].second});
-    }
-    // Away from the simulator's wevtapi.dll the provider gets the system's (Wine's own).
-    const std::wstring copy = folder_.Path() + L"\\zeph_eventlog.dll";
-    ASSERT_TRUE(::CopyFileW(dll_.c_str(), copy.c_str(), TRUE));
-    refusals.push_back({{L"--config", config_, L"--once", L"--dll", copy, L"--scenario", folder_.WriteFile(L"s.xml", "<scenario><query/></scenario>")},
-                        kScenarioFailed,
-                        L"scenario replay needs the simulated event log, but the wevtapi.dll in use (*) is the system's event log"});
-    Expect(refusals);
 }
 
 TEST_F(HostErrors, FailedStepEndsTheRunAndUnsubscribes)

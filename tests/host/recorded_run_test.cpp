@@ -1,8 +1,7 @@
-// Scenario files, and a recorded run: zeph-host replays a short scenario against
-// the simulated event log with the DLL loaded by path, and its table and JSON
+// A recorded run: zeph-host replays a short scenario (indented blocks, times to 100 ns)
+// against the simulated event log with the DLL loaded by path, and its table and JSON
 // output are compared line by line, keys, values and time stamps exact.
 #include "host_process.h"
-#include "scenario.h"
 
 #include <gtest/gtest.h>
 
@@ -12,36 +11,6 @@ namespace zeph::test {
 namespace {
 
 using Lines = std::vector<std::wstring>;
-
-TEST(ScenarioText, BlockLinesDropFramingAndCommonIndentation)
-{
-    using host::BlockLines;
-    EXPECT_EQ(BlockLines(L"\n      first\n        second\n\n      third   \n    "),
-              (Lines{L"first", L"  second", L"", L"third"}));
-    EXPECT_EQ(BlockLines(L"\r\n\ta\r\n\t\tb\r\tc\r\n"), (Lines{L"a", L"\tb", L"c"}));  // any line end; tabs indent
-    EXPECT_EQ(BlockLines(L"User is logging in"), (Lines{L"User is logging in"}));
-    EXPECT_EQ(BlockLines(L"  two  words"), (Lines{L"two  words"}));
-    EXPECT_EQ(BlockLines(L""), Lines{});
-    EXPECT_EQ(BlockLines(L"\n   \n  "), Lines{});
-}
-
-TEST(ScenarioText, UtcTimesToFileTime)
-{
-    using host::ParseUtcTime;
-    constexpr ULONGLONG k20231114T221320 = 133444736000000000ull;  // 1700000000 s after 1970
-    EXPECT_EQ(ParseUtcTime(L"2023-11-14T22:13:20Z"), k20231114T221320);
-    EXPECT_EQ(ParseUtcTime(L"2023-11-14 22:13:20Z"), k20231114T221320);
-    EXPECT_EQ(ParseUtcTime(L"2023-11-14T22:13:20.5Z"), k20231114T221320 + 5000000);
-    EXPECT_EQ(ParseUtcTime(L"2023-11-14T22:13:20.123Z"), k20231114T221320 + 1230000);
-    EXPECT_EQ(ParseUtcTime(L"2023-11-14T22:13:20.1234567Z"), k20231114T221320 + 1234567);
-    EXPECT_TRUE(ParseUtcTime(L"2024-02-29T00:00:00Z").has_value());
-    for (const wchar_t* bad : {L"2023-02-29T00:00:00Z", L"2023-11-14T24:00:00Z", L"2023-11-14T22:60:00Z",
-                               L"2023-11-14T22:13:60Z", L"2023-13-01T00:00:00Z", L"2023-11-14T22:13:20",
-                               L"2023-11-14T22:13:20+01:00", L"2023-11-14T22:13:20.Z", L"2023-11-14T22:13:20.12345678Z",
-                               L"2023-11-14T22:13:2xZ", L"23-11-14T22:13:20Z", L""}) {
-        EXPECT_FALSE(ParseUtcTime(bad).has_value()) << testing::PrintToString(std::wstring(bad));
-    }
-}
 
 constexpr wchar_t kServiceKey[] = L"SYSTEM\\CurrentControlSet\\services\\drovesvc";
 
@@ -166,39 +135,22 @@ TEST_F(RecordedRun, Table)
               expected);
 }
 
+// One object per value, then one per metric's result; the table's run above has the rest.
 TEST_F(RecordedRun, JsonLines)
 {
-    const std::wstring crash = L"{\"query\":1,\"metric\":\"eventlog|eventlog_appcrash\",";
+    const Lines lines = Run({L"--json"}, std::wregex(LR"(,"time":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"\})"),
+                            L",\"time\":\"TIME\"}");
+    ASSERT_EQ(lines.size(), 16u);
     const std::wstring quillon = L"{\"query\":2,\"metric\":\"eventlog|eventlog_quillon\",";
-    auto stamp = [&](const wchar_t* key, const wchar_t* value) {
-        return quillon + L"\"key\":\"quillon|" + key + L"\",\"instance\":\"quillon\",\"type\":\"uint64\",\"value\":" +
-               value + L"Z\"}";
-    };
-    auto text = [](const std::wstring& key, const std::wstring& instance, const std::wstring& value) {
-        return L"\"key\":\"" + key + L"\",\"instance\":\"" + instance + L"\",\"type\":\"string\",\"value\":\"" + value +
-               L"\"}";
-    };
-    const Lines expected = {
-        crash + text(L"appcrash|contained", L"appcrash|contained", L"true"),
-        crash + text(L"appcrash|crash_details|*", L"1", crash1_),
-        crash + text(L"appcrash|crash_details|*", L"2", crash2_),
-        crash + L"\"result\":\"0x00000000\",\"values\":3,\"time\":\"TIME\"}",
-        L"{\"query\":1,\"metric\":\"eventlog|eventlog_quillon\"," + text(L"quillon|mgr", L"quillon|mgr", L"mgr.test.example"),
-        L"{\"query\":1,\"metric\":\"eventlog|eventlog_quillon\",\"result\":\"0x00000000\",\"values\":1,\"time\":\"TIME\"}",
-        L"{\"query\":2,\"metric\":\"eventlog|eventlog_appcrash\",\"result\":\"0x00000000\",\"values\":0,\"time\":\"TIME\"}",
-        stamp(L"logon_timestamp", L"1700000010987,\"utc\":\"2023-11-14T22:13:30.987"),
-        stamp(L"logon_response_timestamp", L"1700000011000,\"utc\":\"2023-11-14T22:13:31.000"),
-        stamp(L"volumes_ready_timestamp", L"1700000012000,\"utc\":\"2023-11-14T22:13:32.000"),
-        stamp(L"all_done_timestamp", L"1700000013001,\"utc\":\"2023-11-14T22:13:33.001"),
-        quillon + text(L"quillon|mgr", L"quillon|mgr", L"mgr.test.example"),
-        quillon + text(L"quillon|instances", L"quillon|instances", L"true"),
-        quillon + text(L"quillon|instances|*", L"t-1", L"\\\\\\\\fs\\\\tesseras\\\\one.vhdx"),
-        quillon + text(L"quillon|instances|*", L"t-2", L"\\\\\\\\fs\\\\tesseras\\\\two.vhdx"),
-        quillon + L"\"result\":\"0x00000000\",\"values\":8,\"time\":\"TIME\"}",
-    };
-    EXPECT_EQ(Run({L"--json"}, std::wregex(LR"(,"time":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"\})"),
-                  L",\"time\":\"TIME\"}"),
-              expected);
+    EXPECT_EQ(lines[1], L"{\"query\":1,\"metric\":\"eventlog|eventlog_appcrash\",\"key\":\"appcrash|crash_details|*\","
+                        L"\"instance\":\"1\",\"type\":\"string\",\"value\":\"" + crash1_ + L"\"}");
+    EXPECT_EQ(lines[3], L"{\"query\":1,\"metric\":\"eventlog|eventlog_appcrash\",\"result\":\"0x00000000\","
+                        L"\"values\":3,\"time\":\"TIME\"}");
+    EXPECT_EQ(lines[7], quillon + L"\"key\":\"quillon|logon_timestamp\",\"instance\":\"quillon\",\"type\":\"uint64\","
+                                  L"\"value\":1700000010987,\"utc\":\"2023-11-14T22:13:30.987Z\"}");
+    EXPECT_EQ(lines[14], quillon + L"\"key\":\"quillon|instances|*\",\"instance\":\"t-2\",\"type\":\"string\","
+                                   L"\"value\":\"\\\\\\\\fs\\\\tesseras\\\\two.vhdx\"}");
+    EXPECT_EQ(lines[15], quillon + L"\"result\":\"0x00000000\",\"values\":8,\"time\":\"TIME\"}");
 }
 
 }  // namespace

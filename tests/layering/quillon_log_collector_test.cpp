@@ -56,6 +56,38 @@ TEST_F(CollectorTest, PrepareFindsTheLogsFolderBesideTheQuotedImagePathAndTakesT
         (void)collector_.PrepareCollectLog();  // the folder does not exist; only its name matters here
         EXPECT_EQ(collector_.LogDirectory(), folder) << imagePath;
     }
+    // Read as text whatever the value's type, never expanded, at most 2046 bytes of it.
+    const std::wstring longPath(1023, L'x');
+    const struct {
+        DWORD type;
+        std::wstring data;
+        DWORD bytes;
+        std::wstring folder;
+    } values[] = {{REG_DWORD, L"BA", 4, L"BA\\Logs\\"},
+                  {REG_EXPAND_SZ, L"%ProgramFiles%\\A\\drovesvc.exe", 0, L"%ProgramFiles%\\A\\Logs\\"},
+                  {REG_SZ, longPath + L"!", 2046, longPath + L"\\Logs\\"}};  // no terminator stored
+    for (const auto& value : values) {
+        service_.Registry().SetValue(ServiceInstall::kServiceKey, L"ImagePath", value.type, value.data.c_str(),
+                                     value.bytes ? value.bytes : static_cast<DWORD>(value.data.size() * 2 + 2));
+        (void)collector_.PrepareCollectLog();  // the folder is what this checks
+        EXPECT_EQ(collector_.LogDirectory(), value.folder) << value.type;
+    }
+}
+
+TEST_F(CollectorTest, LogThatExistsButCannotBeOpenedFailsWithoutTheBackup)
+{
+    service_.WriteLog(L"earlier\r\n");
+    ASSERT_TRUE(collector_.PrepareCollectLog());
+    service_.RemoveLog();
+    ASSERT_TRUE(::CreateDirectoryW((service_.LogsFolder() + L"drovesvc.log").c_str(), nullptr));
+    service_.WriteBackup(L"earlier\r\nbackup\r\n");
+    TakeLines();
+    EXPECT_FALSE(collector_.CollectLog());
+    EXPECT_EQ(collector_.CollectedText(), L"");
+    EXPECT_EQ(TakeLines(), (Texts{L"CollectLog", L"Failed to open log file, error: 5"}));
+    EXPECT_FALSE(collector_.PrepareCollectLog());
+    EXPECT_TRUE(LoggedError(L"Failed to open log file, error: 5"));
+    EXPECT_EQ(collector_.BeginSize(), 18u) << "left as it was";
 }
 
 TEST(CollectorRegistryTest, PrepareFailsWithTheRegistryErrorCode)
@@ -89,6 +121,13 @@ TEST_F(CollectorTest, CollectReadsEverythingAppendedSincePrepare)
     EXPECT_EQ(TakeLines(), (Texts{L"CollectLog", L"Read logs from drovesvc.log"}));
     service_.AppendLog(L"second\r\n");
     EXPECT_EQ(Collected(), L"first\r\nsecond\r\n");
+
+    // An odd size at prepare: reading starts right there, at the service's next text.
+    service_.AppendLogBytes("Z", 1);
+    ASSERT_TRUE(collector_.PrepareCollectLog());
+    EXPECT_EQ(collector_.BeginSize(), 49u);
+    service_.AppendLog(L"third\r\n");
+    EXPECT_EQ(Collected(), L"third\r\n");
 }
 
 TEST_F(CollectorTest, LogCreatedAfterPrepareIsReadFromItsStart)

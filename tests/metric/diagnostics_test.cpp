@@ -1,8 +1,9 @@
-#include "win/com_strings.h"
 #include "metric/diagnostics.h"
 #include "metric/logging.h"
 #include "recording_logger.h"
+#include "test_com_object.h"
 #include "win/hresult.h"
+#include "win/com_strings.h"
 
 #include <gtest/gtest.h>
 
@@ -67,19 +68,17 @@ TEST(Logging, WritesOnlyEnabledLevelsWithCategoryAndExactText)
                                                           {LogLevel::Error, L"error 2"},
                                                           {LogLevel::Warning, L"warning"}}));
     EXPECT_EQ(logger->LevelQueries(), 6);
-}
 
-TEST(Logging, FormatsNothingWhenTheLevelIsOffOrThereIsNoLogger)
-{
-    // Formatting this argument would read an invalid address.
+    // Formatting this argument would read an invalid address: nothing is formatted for a level
+    // that is off, or without a logger.
     const auto* poison = reinterpret_cast<const wchar_t*>(static_cast<uintptr_t>(0x10));
-    const auto logger = test::Adopt(new RecordingLogger(0));
+    logger->SetLevels(0);
     Log(logger.Get(), LogLevel::Info, L"%s", poison);
     LogFailure(logger.Get(), E_FAIL, L"%s", poison);
     Log(nullptr, LogLevel::Error, L"%s", poison);
     LogFailure(nullptr, E_FAIL, L"%s", poison);
-    EXPECT_TRUE(logger->Lines().empty());
-    EXPECT_EQ(logger->LevelQueries(), 2);
+    EXPECT_EQ(logger->Lines().size(), 3u);
+    EXPECT_EQ(logger->LevelQueries(), 8);
 }
 
 TEST(Logging, FailureLinesPutTheArgumentsFirstThenTheCodeThenAnySystemText)
@@ -106,10 +105,22 @@ TEST(ComBarrier, TurnsExceptionsIntoTheirHResults)
     EXPECT_EQ(ComBarrier([]() -> HRESULT { throw 42; }), E_UNEXPECTED);
 }
 
-TEST(ScopedVariant, HoldsStringsWithTheirLengthAndNumbers)
+// Each setter first releases what the holder held (an object here, so its count shows it).
+TEST(ScopedVariant, HoldsStringsWithTheirLengthAndNumbersAndReleasesWhatItHeldBefore)
 {
+    const auto held = test::Adopt(new test::CountingHostContext());
     ScopedVariant value;
-    value.SetString(std::wstring_view(L"a\0b", 3));
+    for (int setter = 0; setter < 2; ++setter) {
+        held->AddRef();
+        V_VT(value.get()) = VT_UNKNOWN;
+        V_UNKNOWN(value.get()) = held.Get();
+        if (setter == 0) {
+            value.SetUInt64(1615125909000ULL);
+        } else {
+            value.SetString(std::wstring_view(L"a\0b", 3));
+        }
+        EXPECT_EQ(held->References(), 1u) << "setter " << setter;
+    }
     ASSERT_EQ(V_VT(value.get()), VT_BSTR);
     EXPECT_EQ(::SysStringLen(V_BSTR(value.get())), 3u);
     value.SetUInt64(1615125909000ULL);

@@ -1,9 +1,13 @@
-// The class factory and the unload rule through the DLL's exports, and the
-// module object linked into the test.
+// The class factory, a whole session and the unload rule through the DLL's exports, and
+// the module object linked into the test.
+#include "config_element.h"
 #include "module/event_log_provider_module.h"
 #include "module_env.h"
 #include "provider/provider.h"
-#include "test_com_object.h"
+#include "recording_logger.h"
+#include "recording_sink.h"
+#include "simulated_event_log.h"
+#include "win/com_strings.h"
 
 #include <zeph_eventlog_h.h>
 
@@ -96,6 +100,37 @@ TEST_F(ClassObjectTest, CanUnloadNowOnlyWhenNoFactoryProviderOrServerLockRemains
     EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);
     Factory()->LockServer(FALSE);
     EXPECT_EQ(server_.CanUnloadNow(), S_OK);
+}
+
+// Both real metrics, events, queries, and a release with a delivery possibly in flight:
+// every host object gets its references back and the DLL may go.
+TEST_F(ClassObjectTest, ASessionGivesBackEveryHostReferenceAndLetsTheDllGo)
+{
+    const auto logger = Adopt(new RecordingLogger(0x7));
+    const auto context = Adopt(new CountingHostContext());
+    const auto sink = Adopt(new RecordingSink());
+    const ComPtr<IXMLDOMElement> config = MakeMetricConfig(L"Application", L"*");
+    const ULONG configReferences = (config->AddRef(), config->Release());
+    const unique_bstr crash = MakeBstr(L"eventlog|eventlog_appcrash"), layering = MakeBstr(L"eventlog|eventlog_quillon");
+    {
+        ComPtr<IZephDataProvider> provider;
+        ASSERT_EQ(Factory()->CreateInstance(nullptr, IID_PPV_ARGS(&provider)), S_OK);
+        ASSERT_EQ(provider->SetHostInterfaces(logger.Get(), context.Get()), S_OK);
+        ASSERT_EQ(provider->SubscribeMetric(crash.get(), config.Get()), S_OK);
+        ASSERT_EQ(provider->SubscribeMetric(layering.get(), config.Get()), S_OK);
+        WriteEvent(L"Application", L"Application Error", 1000, 0, L"session crash");
+        WaitForDeliveries();
+        EXPECT_EQ(provider->QueryMetric(crash.get(), 0, sink.Get()), S_OK);
+        EXPECT_EQ(provider->QueryMetric(layering.get(), 0, sink.Get()), S_OK);
+        EXPECT_EQ(provider->QueryMetric(crash.get(), 0, context.Get()), S_OK);
+        EXPECT_EQ(sink->Accepted().size(), 2u);
+        EXPECT_EQ(provider->UnsubscribeMetric(layering.get()), S_OK);
+        WriteEvent(L"Application", L"Application Error", 1000, 0, L"pending at release");
+    }
+    EXPECT_EQ(server_.CanUnloadNow(), S_OK);
+    WaitForDeliveries();
+    EXPECT_EQ(logger->References() + context->References() + sink->References(), 3u);
+    EXPECT_EQ((config->AddRef(), config->Release()), configReferences);
 }
 
 TEST_F(ClassObjectTest, AggregatedProviderTakesTheOuterObjectsIdentityAndCount)

@@ -1,6 +1,6 @@
 // A late-bound client of the provider: everything through IDispatch and the
 // registry, as a script host sees them. Argument: the state to check,
-// "registered", "per-user" or "unregistered". Exit code 0 when all checks pass.
+// "registered" or "unregistered". Exit code 0 when all checks pass.
 var CLSID = "{DAF69464-F4E2-40C0-BCC3-A30E819975F0}";
 var PROGID = "ZephAgent.EventLogProvider";
 var TYPELIB = "HKCR\\TypeLib\\{BA21C1A6-3183-4E99-A464-6DF4178B7249}\\1.0\\";
@@ -39,14 +39,11 @@ function configElement(xml) {
     return document.documentElement;
 }
 
+// The exact tables are checked in module_test; here, that regsvr32 wrote or removed them.
 function checkTables(root) {
-    check(readKey(root + PROGID + "\\") == "Zeph Event Log Provider Class", root + PROGID);
     check(readKey(root + PROGID + "\\CurVer\\") == PROGID + ".1", root + PROGID + "\\CurVer");
-    check(readKey(root + PROGID + ".1\\CLSID\\") == CLSID, root + PROGID + ".1\\CLSID");
-    check(readKey(root + "CLSID\\" + CLSID + "\\InprocServer32\\ThreadingModel") == "Both", "ThreadingModel");
     var path = readKey(root + "CLSID\\" + CLSID + "\\InprocServer32\\");
     check(path != null && /\\zeph_eventlog\.dll$/i.test(path), "InprocServer32 is the DLL's full path: " + path);
-    check(readKey(root + "AppID\\zeph_eventlog.dll\\AppID") == "{44D2B20B-C31C-43B7-A2E6-B5FA579BFDF2}", "AppID");
 }
 function checkGone(root) {
     var keys = [PROGID + "\\", PROGID + ".1\\", "CLSID\\" + CLSID + "\\", "AppID\\zeph_eventlog.dll\\AppID"];
@@ -58,26 +55,18 @@ function driveProvider(progId) {
     var config = configElement("<metric><channel>Application</channel><query>*</query></metric>");
     // An object without IMetricValueSink reaches the metric as a null sink.
     var notASink = new ActiveXObject("Msxml2.DOMDocument.3.0");
-    // Unknown names are accepted and ignored; the known metrics have nothing to write yet.
     var names = ["eventlog|no_such_metric", "eventlog|eventlog_appcrash", "eventlog|eventlog_quillon"];
     for (var i = 0; i < names.length; i++) {
         var name = names[i];
         succeeds("SubscribeMetric(" + name + ")", function () { provider.SubscribeMetric(name, config); });
-        // Type-library dispatch may refuse a script's null as an interface (Wine does,
-        // with DISP_E_TYPEMISMATCH) before the provider is reached; if it gets through,
-        // the provider must accept it.
-        var error = thrown(function () { provider.QueryMetric(name, 0, null); });
-        check(error == 0 || error == 0x80020005, "QueryMetric(" + name + ", 0, null) threw " + hex(error));
         succeeds("QueryMetric(" + name + ")", function () { provider.QueryMetric(name, 0, notASink); });
         succeeds("UnsubscribeMetric(" + name + ")", function () { provider.UnsubscribeMetric(name); });
     }
     // A failed subscription comes back as an error: no channel in the configuration.
     var noChannel = configElement("<metric><query>*</query></metric>");
-    error = thrown(function () { provider.SubscribeMetric("eventlog|eventlog_quillon", noChannel); });
+    var error = thrown(function () { provider.SubscribeMetric("eventlog|eventlog_quillon", noChannel); });
     check(error == 0x80070490, "SubscribeMetric without a channel gives 0x80070490, got " + hex(error));
-    succeeds("SubscribeMetric again", function () { provider.SubscribeMetric(names[1], config); });
     succeeds("UnsubscribeAllMetrics", function () { provider.UnsubscribeAllMetrics(); });
-    succeeds("Reserved1", function () { provider.Reserved1(); });
     check(thrown(function () { provider.NoSuchMethod(); }) != 0, "an unknown method fails");
 }
 
@@ -89,13 +78,8 @@ var unexpected = thrown(function () {
         checkGone("HKCU\\Software\\Classes\\");
         driveProvider(PROGID);
         driveProvider(PROGID + ".1");
-    } else if (state == "per-user") {
-        // Creation is not tried: Wine's classes root leaves out the user's classes.
-        checkTables("HKCU\\Software\\Classes\\");
-        checkGone("HKLM\\Software\\Classes\\");
     } else if (state == "unregistered") {
         checkGone("HKCR\\");
-        checkGone("HKCU\\Software\\Classes\\");
         check(readKey(TYPELIB) == null, "type library unregistered");
         check(thrown(function () { new ActiveXObject(PROGID); }) != 0, "the ProgID no longer creates anything");
     } else {

@@ -27,33 +27,6 @@ TEST(RegistryTableTest, ReplacementsExpandExactNamesAndRefuseUnknownOnes)
     }
 }
 
-TEST(RegistryTableTest, UnregisteringRemovesOnlyWhatTheTableOwns)
-{
-    constexpr RegistryRow kRows[] = {
-        {L"Shared", RegistryRemoval::NoRemove},
-        {L"Shared\\%NAME%", RegistryRemoval::Normal, L"", L"%PATH%"},
-        {L"Shared\\%NAME%", RegistryRemoval::Normal, L"Share", L"100%%"},
-        {L"Owned", RegistryRemoval::ForceRemove, L"", L"owned"},
-        {L"Owned\\Child", RegistryRemoval::Normal, L"Value", L"%NAME%"},
-    };
-    const ScratchRegistry registry{L"module-table"};
-    const HKEY root = registry.CurrentUser();
-    ASSERT_EQ(RegisterTable(root, kRows, kReplacements), S_OK);
-    EXPECT_EQ(RegistryTree(root), (Lines{L"Shared", L"Shared\\zeph", L"Shared\\zeph [@] = C:\\bin\\zeph.dll",
-                                         L"Shared\\zeph [Share] = 100%", L"Owned", L"Owned [@] = owned",
-                                         L"Owned\\Child", L"Owned\\Child [Value] = zeph"}));
-    WriteKey(root, L"Shared\\zeph", L"Foreign", L"kept");
-    WriteKey(root, L"Owned\\Child\\Foreign");
-    ASSERT_EQ(UnregisterTable(root, kRows, kReplacements), S_OK);
-    EXPECT_EQ(RegistryTree(root), (Lines{L"Shared", L"Shared\\zeph", L"Shared\\zeph [Foreign] = kept"}));
-
-    // A key that only held the table's values goes once the foreign value is gone.
-    WriteKey(root, L"Shared\\zeph", L"", L"again");
-    ASSERT_EQ(::RegDeleteKeyValueW(root, L"Shared\\zeph", L"Foreign"), ERROR_SUCCESS);
-    ASSERT_EQ(UnregisterTable(root, kRows, kReplacements), S_OK);
-    EXPECT_EQ(RegistryTree(root), Lines{L"Shared"});
-}
-
 constexpr wchar_t kUserClasses[] = L"Software\\Classes";
 constexpr wchar_t kTypeLibKey[] = L"TypeLib\\{BA21C1A6-3183-4E99-A464-6DF4178B7249}";
 constexpr wchar_t kClsidKey[] = L"CLSID\\{DAF69464-F4E2-40C0-BCC3-A30E819975F0}";

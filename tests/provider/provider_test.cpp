@@ -1,18 +1,20 @@
-// The provider's table of metrics, driven with fake metrics through its factory hook.
+// The provider's table of metrics, with the real metrics on the simulated event log; the
+// factory hook only gives a metric that throws, the one path no real metric reaches.
+#include "appcrash/app_crash_metric.h"
 #include "com/com_object.h"
 #include "com/module_lock.h"
 #include "config_element.h"
 #include "metric/diagnostics.h"
+#include "provider/metric_factory.h"
 #include "provider/provider.h"
 #include "recording_logger.h"
 #include "recording_sink.h"
+#include "simulated_event_log.h"
 #include "win/com_strings.h"
 #include "win/hresult.h"
 
 #include <gtest/gtest.h>
 
-#include <cwchar>
-#include <functional>
 #include <memory>
 #include <new>
 #include <string>
@@ -25,58 +27,14 @@ using Microsoft::WRL::ComPtr;
 using namespace test;
 using Texts = std::vector<std::wstring>;
 
-// What a fake metric saw; shared with the test so it outlives the metric.
-struct FakeMetricRecord {
-    std::wstring name;
-    IProviderLogger* logger = nullptr;
-    int subscribes = 0;
-    int unsubscribes = 0;
-    int collects = 0;
-    IMetricValueSink* lastSink = reinterpret_cast<IMetricValueSink*>(1);
-    LONG_PTR lastContext = 0;
-    bool destroyed = false;
-};
-
-class FakeMetric final : public CMetric {
+class ThrowingMetric final : public CMetric {
 public:
-    FakeMetric(const wchar_t* name, IProviderLogger* logger, IProviderHostContext* context,
-               std::shared_ptr<FakeMetricRecord> record, HRESULT subscribeResult, std::function<HRESULT()> collect,
-               Texts* unsubscribeOrder)
-        : CMetric(name, logger, context), record_(std::move(record)), subscribeResult_(subscribeResult),
-          collect_(std::move(collect)), unsubscribeOrder_(unsubscribeOrder)
-    {
-        record_->name = name;
-        record_->logger = logger;
-    }
-    ~FakeMetric() override { record_->destroyed = true; }
-
-    HRESULT Subscribe(IXMLDOMElement*) override
-    {
-        ++record_->subscribes;
-        return subscribeResult_;
-    }
-    HRESULT Unsubscribe() override
-    {
-        ++record_->unsubscribes;
-        unsubscribeOrder_->push_back(Name());
-        return E_FAIL;  // ignored by the provider
-    }
-    HRESULT CollectMetric(IMetricValueSink* sink, LONG_PTR context) override
-    {
-        ++record_->collects;
-        record_->lastSink = sink;
-        record_->lastContext = context;
-        return collect_ ? collect_() : S_OK;
-    }
+    ThrowingMetric() : CMetric(L"test|throwing", nullptr, nullptr) {}
+    HRESULT Subscribe(IXMLDOMElement*) override { return S_OK; }
+    HRESULT CollectMetric(IMetricValueSink*, LONG_PTR) override { throw std::bad_alloc(); }
 
 protected:
     void ParseEventLog(EVT_HANDLE) override {}
-
-private:
-    std::shared_ptr<FakeMetricRecord> record_;
-    HRESULT subscribeResult_;
-    std::function<HRESULT()> collect_;
-    Texts* unsubscribeOrder_;
 };
 
 class ProviderTest : public ::testing::Test {
@@ -85,33 +43,22 @@ protected:
     {
         locksBefore_ = ModuleLockCount();
         ASSERT_EQ(ComObject<CProvider>::Create(IID_PPV_ARGS(&provider_)), S_OK);
-        impl_ = static_cast<CProvider*>(provider_.Get());
-        // Fakes for names that start with "fake|".
-        UseFakes([](const wchar_t* name) { return std::wcsncmp(name, L"fake|", 5) == 0; });
         ASSERT_TRUE(config_);
     }
     void TearDown() override
     {
         provider_.Reset();
+        WaitForDeliveries();
         EXPECT_EQ(ModuleLockCount(), locksBefore_);
         EXPECT_EQ(logger_->References(), 1u);
         EXPECT_EQ(context_->References(), 1u);
+        EXPECT_EQ(::EvtSimOpenHandles(EVT_SIM_KIND_SUBSCRIPTION), 0);
     }
 
-    void UseFakes(std::function<bool(const wchar_t*)> known)
+    HRESULT Subscribe(const wchar_t* name, IXMLDOMElement* config = nullptr)
     {
-        impl_->UseMetricFactory([this, known](const wchar_t* name, ComPtr<IProviderLogger> logger,
-                                              ComPtr<IProviderHostContext> context) -> std::shared_ptr<CMetric> {
-            ++factoryCalls_;
-            if (!known(name)) {
-                return nullptr;
-            }
-            records_.push_back(std::make_shared<FakeMetricRecord>());
-            return std::make_shared<FakeMetric>(name, logger.Get(), context.Get(), records_.back(), subscribeResult_,
-                                                collect_, &unsubscribeOrder_);
-        });
+        return provider_->SubscribeMetric(Bstr(name), config != nullptr ? config : config_.Get());
     }
-    HRESULT Subscribe(const wchar_t* name) { return provider_->SubscribeMetric(Bstr(name), config_.Get()); }
     HRESULT Unsubscribe(const wchar_t* name) { return provider_->UnsubscribeMetric(Bstr(name)); }
     HRESULT Query(const wchar_t* name, IUnknown* sink, LONG_PTR context = 0)
     {
@@ -119,165 +66,119 @@ protected:
     }
     BSTR Bstr(const wchar_t* text) { return strings_.emplace_back(MakeBstr(text)).get(); }
     void Connect() { ASSERT_EQ(provider_->SetHostInterfaces(logger_.Get(), context_.Get()), S_OK); }
+    static void Crash()
+    {
+        WriteEvent(L"Application", kCrashPublisher, 1000, 0, L"provider test crash");
+        WaitForDeliveries();
+    }
+    static LONG64 OpenSubscriptions() { return ::EvtSimOpenHandles(EVT_SIM_KIND_SUBSCRIPTION); }
 
     ComPtr<IZephDataProvider> provider_;
-    CProvider* impl_ = nullptr;
     ComPtr<RecordingLogger> logger_ = Adopt(new RecordingLogger(0x7));
     ComPtr<CountingHostContext> context_ = Adopt(new CountingHostContext());
     ComPtr<RecordingSink> sink_ = Adopt(new RecordingSink());
-    ComPtr<IXMLDOMElement> config_ = MakeMetricConfig(L"Application", L"*");
-    HRESULT subscribeResult_ = S_OK;
-    std::function<HRESULT()> collect_;
-    int factoryCalls_ = 0;
-    std::vector<std::shared_ptr<FakeMetricRecord>> records_;
-    Texts unsubscribeOrder_;
+    ComPtr<IXMLDOMElement> config_ = MakeMetricConfig(L"Application", L"*[System[Provider[@Name='Application Error']]]");
     std::vector<unique_bstr> strings_;
     LONG locksBefore_ = 0;
 };
 
-TEST_F(ProviderTest, SubscribeQueryUnsubscribeLogsEachStepAndASecondSubscribeIsASilentNoOp)
+TEST_F(ProviderTest, SubscribeQueryUnsubscribeLogEachStepWithExactKeysAndCaseInsensitiveNames)
 {
     Connect();
-    ASSERT_EQ(Subscribe(L"fake|one"), S_OK);
-    EXPECT_EQ(provider_->SubscribeMetric(Bstr(L"fake|one"), MakeMetricConfig(L"System", L"*").Get()), S_OK);
-    ASSERT_EQ(records_.size(), 1u);
-    EXPECT_EQ(factoryCalls_, 1);
-    EXPECT_EQ(records_[0]->name, L"fake|one");
-    EXPECT_EQ(records_[0]->logger, logger_.Get());
-    EXPECT_EQ(records_[0]->subscribes, 1);
-    EXPECT_EQ(Query(L"fake|one", sink_.Get(), 1234), S_OK);
-    EXPECT_EQ(records_[0]->collects, 1);
-    EXPECT_EQ(Unsubscribe(L"fake|one"), S_OK);
-    EXPECT_EQ(logger_->Lines(), (std::vector<LogLine>{{LogLevel::Info, L"created metric 'fake|one'."},
-                                                     {LogLevel::Info, L"Subscribed from metric 'fake|one'."},
-                                                     {LogLevel::Info, L"Unsubscribed from metric 'fake|one'."}}));
+    for (const wchar_t* name : {L"eventlog|other", L"eventlog|eventlog_appcrashx", L"eventlog|eventlog_quillox", L"",
+                                L"eventlog|"}) {
+        EXPECT_EQ(Subscribe(name), S_OK) << name;
+    }
+    EXPECT_TRUE(logger_->Lines().empty()) << "an unknown name creates and logs nothing";
+
+    ASSERT_EQ(Subscribe(L"EVENTLOG|EventLog_AppCrash"), S_OK);
+    EXPECT_EQ(Subscribe(L"EVENTLOG|EventLog_AppCrash", MakeMetricConfig(L"System", L"*").Get()), S_OK);
+    EXPECT_EQ(OpenSubscriptions(), 1) << "the first configuration stays";
+    Crash();
+    // The table's keys are exact.
+    EXPECT_EQ(Query(kAppCrashMetricName, sink_.Get()), S_OK);
+    EXPECT_EQ(Unsubscribe(kAppCrashMetricName), S_OK);
+    EXPECT_TRUE(sink_->Writes().empty());
+    EXPECT_EQ(OpenSubscriptions(), 1);
+
+    EXPECT_EQ(Query(L"EVENTLOG|EventLog_AppCrash", sink_.Get()), S_OK);
+    EXPECT_EQ(sink_->Writes().size(), 2u);
+    EXPECT_EQ(Unsubscribe(L"EVENTLOG|EventLog_AppCrash"), S_OK);
+    EXPECT_EQ(OpenSubscriptions(), 0);
+    EXPECT_EQ(logger_->Texts(), (Texts{L"created metric 'EVENTLOG|EventLog_AppCrash'.",
+                                       L"Subscribed from metric 'EVENTLOG|EventLog_AppCrash'.",
+                                       L"Metric 'eventlog|eventlog_appcrash' should be queried from internal metric.",
+                                       L"Unsubscribed from metric 'EVENTLOG|EventLog_AppCrash'."}));
 }
 
-TEST_F(ProviderTest, QueryReturnsTheMetricsResultWithTheTypedSinkOrANullOne)
+TEST_F(ProviderTest, QueryHandsTheMetricItsTypedSinkOrANullOneAndReturnsItsResult)
 {
     Connect();
-    collect_ = [] { return static_cast<HRESULT>(0x80070005); };
-    ASSERT_EQ(Subscribe(L"fake|q"), S_OK);
-    const auto record = records_[0];
-    EXPECT_EQ(Query(L"fake|q", sink_.Get(), 77), static_cast<HRESULT>(0x80070005));
-    EXPECT_EQ(record->lastSink, static_cast<IMetricValueSink*>(sink_.Get()));
-    EXPECT_EQ(record->lastContext, 77);
-
+    ASSERT_EQ(Subscribe(kAppCrashMetricName), S_OK);
+    Crash();
     // An object without IMetricValueSink reaches the metric as a null sink; so does null.
-    EXPECT_EQ(Query(L"fake|q", context_.Get()), static_cast<HRESULT>(0x80070005));
-    EXPECT_EQ(record->lastSink, nullptr);
-    record->lastSink = reinterpret_cast<IMetricValueSink*>(1);
-    EXPECT_EQ(Query(L"fake|q", nullptr), static_cast<HRESULT>(0x80070005));
-    EXPECT_EQ(record->lastSink, nullptr);
-
-    // QueryMetricToSink hands the sink over untested.
-    EXPECT_EQ(provider_->QueryMetricToSink(Bstr(L"fake|q"), 5, nullptr), static_cast<HRESULT>(0x80070005));
-    EXPECT_EQ(record->collects, 4);
+    EXPECT_EQ(Query(kAppCrashMetricName, context_.Get()), E_POINTER);
+    EXPECT_EQ(Query(kAppCrashMetricName, nullptr), E_POINTER);
+    EXPECT_EQ(provider_->QueryMetricToSink(Bstr(kAppCrashMetricName), 0, nullptr), E_POINTER);
+    sink_->Refuse(kCrashFlagKey, E_ACCESSDENIED);
+    EXPECT_EQ(Query(kAppCrashMetricName, sink_.Get(), 77), E_ACCESSDENIED);
+    sink_->SetPolicy(nullptr);
+    EXPECT_EQ(Query(kAppCrashMetricName, sink_.Get(), 77), S_OK);
+    EXPECT_EQ(sink_->Accepted().size(), 2u);
     EXPECT_EQ(sink_->References(), 1u);
 }
 
 TEST_F(ProviderTest, FailedSubscribeLogsTheErrorTextDropsTheMetricAndReturnsItsResult)
 {
     Connect();
-    subscribeResult_ = HResultFromWin32(ERROR_NOT_FOUND);
-    EXPECT_EQ(Subscribe(L"fake|bad"), static_cast<HRESULT>(0x80070490));
-    ASSERT_EQ(records_.size(), 1u);
-    EXPECT_TRUE(records_[0]->destroyed);
-    subscribeResult_ = static_cast<HRESULT>(0xA1B2C3D4);  // no system text for this one
-    EXPECT_EQ(Subscribe(L"fake|bad"), static_cast<HRESULT>(0xA1B2C3D4));
-
+    EXPECT_EQ(Subscribe(kQuillonMetricName, MakeConfigElement(L"<metric><query>*</query></metric>").Get()),
+              static_cast<HRESULT>(0x80070490));
     const ErrorText notFound = AppendErrorText(L"", HResultFromWin32(ERROR_NOT_FOUND));
     ASSERT_TRUE(notFound.systemText);
-    const auto lines = logger_->Lines();
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0], (LogLine{LogLevel::Info, L"created metric 'fake|bad'."}));
-    EXPECT_EQ(lines[1], (LogLine{LogLevel::Error, L"Failed to subscribe metric 'fake|bad'.  Error code 0x80070490 -- " +
-                                                      std::wstring(notFound.systemText.get())}));
-    EXPECT_EQ(lines[3], (LogLine{LogLevel::Error, L"Failed to subscribe metric 'fake|bad'.  Error code 0xa1b2c3d4."}));
-
+    EXPECT_EQ(logger_->Lines(),
+              (std::vector<LogLine>{{LogLevel::Info, L"created metric 'eventlog|eventlog_quillon'."},
+                                    {LogLevel::Error, L"Property 'channel' was not found in the configuration."},
+                                    {LogLevel::Error, L"Failed to subscribe metric 'eventlog|eventlog_quillon'.  "
+                                                      L"Error code 0x80070490 -- " +
+                                                          std::wstring(notFound.systemText.get())}}));
     logger_->Clear();
-    EXPECT_EQ(Query(L"fake|bad", nullptr), S_OK);
-    EXPECT_EQ(logger_->Texts(), Texts{L"Metric 'fake|bad' should be queried from internal metric."});
-}
+    EXPECT_EQ(Query(kQuillonMetricName, nullptr), S_OK);
+    EXPECT_EQ(logger_->Texts(), Texts{L"Metric 'eventlog|eventlog_quillon' should be queried from internal metric."});
 
-TEST_F(ProviderTest, TableKeysAreExactWhileFactoryNamesIgnoreCase)
-{
-    Connect();
-    UseFakes([](const wchar_t* name) { return IsMetricName(name, L"fake|metric"); });
-    EXPECT_EQ(Subscribe(L"fake|metricx"), S_OK);
-    EXPECT_EQ(Subscribe(L"fake|metri"), S_OK);
-    EXPECT_TRUE(logger_->Lines().empty()) << "an unknown name creates and logs nothing";
-
-    ASSERT_EQ(Subscribe(L"FAKE|METRIC"), S_OK);
-    ASSERT_EQ(records_.size(), 1u);
-    EXPECT_EQ(records_[0]->name, L"FAKE|METRIC");
+    // Null arguments and configurations that are no element are invalid, and log and create nothing.
     logger_->Clear();
-    EXPECT_EQ(Query(L"fake|metric", sink_.Get()), S_OK);
-    EXPECT_EQ(Unsubscribe(L"fake|metric"), S_OK);
-    EXPECT_EQ(records_[0]->collects + records_[0]->unsubscribes, 0);
-    EXPECT_EQ(logger_->Texts(), Texts{L"Metric 'fake|metric' should be queried from internal metric."});
-
-    EXPECT_EQ(Query(L"FAKE|METRIC", sink_.Get()), S_OK);
-    EXPECT_EQ(records_[0]->collects, 1);
-    EXPECT_EQ(Unsubscribe(L"FAKE|METRIC"), S_OK);
-    EXPECT_EQ(records_[0]->unsubscribes, 1);
-    EXPECT_TRUE(records_[0]->destroyed);
-}
-
-TEST_F(ProviderTest, RealFactoryCreatesNothingForUnknownNames)
-{
-    impl_->UseMetricFactory(MetricFactory);
-    Connect();
-    for (const wchar_t* name : {L"eventlog|other", L"eventlog|eventlog_appcrashx", L"", L"eventlog|"}) {
-        EXPECT_EQ(Subscribe(name), S_OK) << name;
-    }
-    EXPECT_TRUE(logger_->Lines().empty());
-    EXPECT_TRUE(IsMetricName(L"EVENTLOG|EventLog_AppCrash", kAppCrashMetricName));
-    EXPECT_TRUE(IsMetricName(L"eventlog|EVENTLOG_QUILLON", kQuillonMetricName));
-    EXPECT_FALSE(IsMetricName(L"eventlog|eventlog_quillo", kQuillonMetricName));
-}
-
-TEST_F(ProviderTest, NullArgumentsAndNonElementConfigurationsAreInvalidAndLogNothing)
-{
-    Connect();
     EXPECT_EQ(provider_->SubscribeMetric(nullptr, config_.Get()), E_INVALIDARG);
-    EXPECT_EQ(provider_->SubscribeMetric(Bstr(L"fake|x"), nullptr), E_INVALIDARG);
-    EXPECT_EQ(provider_->SubscribeMetric(Bstr(L"fake|x"), context_.Get()), E_INVALIDARG);
+    EXPECT_EQ(provider_->SubscribeMetric(Bstr(kAppCrashMetricName), nullptr), E_INVALIDARG);
+    EXPECT_EQ(provider_->SubscribeMetric(Bstr(kAppCrashMetricName), context_.Get()), E_INVALIDARG);
     EXPECT_EQ(provider_->UnsubscribeMetric(nullptr), E_INVALIDARG);
     EXPECT_EQ(provider_->QueryMetric(nullptr, 0, nullptr), E_INVALIDARG);
     EXPECT_EQ(provider_->QueryMetricToSink(nullptr, 0, nullptr), E_INVALIDARG);
-    EXPECT_EQ(Unsubscribe(L"fake|never"), S_OK);
-    EXPECT_EQ(factoryCalls_, 0);
+    EXPECT_EQ(Unsubscribe(L"eventlog|never"), S_OK);
     EXPECT_TRUE(logger_->Lines().empty());
+    EXPECT_EQ(OpenSubscriptions(), 0);
 }
 
-TEST_F(ProviderTest, UnsubscribeAllWalksTheTableInOrdinalOrderAndLogsEvenWhenEmpty)
+TEST_F(ProviderTest, UnsubscribeAllEmptiesTheTableAndReleaseTakesSubscribedMetricsAlong)
 {
     Connect();
     EXPECT_EQ(provider_->UnsubscribeAllMetrics(), S_OK);
-    EXPECT_EQ(logger_->Texts(), Texts{L"Unsubscribed all metrics."});
-    for (const wchar_t* name : {L"fake|b", L"fake|a", L"fake|B", L"fake|ab"}) {
-        ASSERT_EQ(Subscribe(name), S_OK);
-    }
+    ASSERT_EQ(Subscribe(kAppCrashMetricName), S_OK);
+    ASSERT_EQ(Subscribe(kQuillonMetricName), S_OK);
+    EXPECT_EQ(OpenSubscriptions(), 2);
     EXPECT_EQ(provider_->UnsubscribeAllMetrics(), S_OK);
-    EXPECT_EQ(unsubscribeOrder_, (Texts{L"fake|B", L"fake|a", L"fake|ab", L"fake|b"}));
-    for (const auto& record : records_) {
-        EXPECT_TRUE(record->destroyed);
-    }
+    EXPECT_EQ(OpenSubscriptions(), 0);
+    EXPECT_EQ(logger_->Texts().front(), L"Unsubscribed all metrics.");
     EXPECT_EQ(logger_->Texts().back(), L"Unsubscribed all metrics.");
-}
+    logger_->Clear();
+    EXPECT_EQ(Query(kAppCrashMetricName, sink_.Get()), S_OK);
+    EXPECT_EQ(logger_->Texts(), Texts{L"Metric 'eventlog|eventlog_appcrash' should be queried from internal metric."});
 
-TEST_F(ProviderTest, ReleaseDestroysMetricsWithoutUnsubscribingThenReleasesHostObjects)
-{
-    Connect();
-    ASSERT_EQ(Subscribe(L"fake|kept"), S_OK);
+    // Released with a metric subscribed and a crash pending (TearDown checks what is left).
+    ASSERT_EQ(Subscribe(kAppCrashMetricName), S_OK);
     const ULONG configReferences = (config_->AddRef(), config_->Release());
-    EXPECT_GT(logger_->References(), 1u);
+    Crash();
     provider_.Reset();
-    EXPECT_TRUE(records_[0]->destroyed);
-    EXPECT_EQ(records_[0]->unsubscribes, 0);
-    EXPECT_EQ(logger_->References(), 1u);
-    EXPECT_EQ(context_->References(), 1u);
+    EXPECT_EQ(OpenSubscriptions(), 0);
     EXPECT_EQ(config_->AddRef() - 1, configReferences);
     config_->Release();
 }
@@ -288,16 +189,13 @@ TEST_F(ProviderTest, SetHostInterfacesKeepsOneReferenceAndMetricsKeepTheirOwn)
     EXPECT_EQ(provider_->SetHostInterfaces(logger_.Get(), nullptr), E_INVALIDARG);
     EXPECT_EQ(logger_->References() + context_->References(), 2u);
 
-    // Without host interfaces metrics get null ones.
-    ASSERT_EQ(Subscribe(L"fake|early"), S_OK);
-    EXPECT_EQ(records_[0]->logger, nullptr);
-
     Connect();
     Connect();  // the same pointers again change nothing
     EXPECT_EQ(logger_->References(), 2u);
     EXPECT_EQ(context_->References(), 2u);
-    ASSERT_EQ(Subscribe(L"fake|late"), S_OK);
+    ASSERT_EQ(Subscribe(kAppCrashMetricName), S_OK);
     EXPECT_EQ(logger_->References(), 3u);  // the metric holds one too
+    EXPECT_EQ(context_->References(), 3u);
 
     const ComPtr<RecordingLogger> logger2 = Adopt(new RecordingLogger(0x7));
     const ComPtr<CountingHostContext> context2 = Adopt(new CountingHostContext());
@@ -305,7 +203,10 @@ TEST_F(ProviderTest, SetHostInterfacesKeepsOneReferenceAndMetricsKeepTheirOwn)
     EXPECT_EQ(logger_->References(), 2u);  // only the metric's is left
     EXPECT_EQ(context_->References(), 2u);
     EXPECT_EQ(logger2->References(), 2u);
-    EXPECT_EQ(records_[1]->logger, logger_.Get());  // existing metrics keep theirs
+    logger_->Clear();
+    EXPECT_EQ(Query(kAppCrashMetricName, sink_.Get()), S_OK);
+    EXPECT_EQ(logger_->Texts(), Texts{L"No application crash available"}) << "existing metrics keep theirs";
+    EXPECT_TRUE(logger2->Lines().empty());
     provider_.Reset();
     EXPECT_EQ(logger2->References(), 1u);
     EXPECT_EQ(context2->References(), 1u);
@@ -322,28 +223,26 @@ TEST_F(ProviderTest, EveryInterfaceIsTheSameObjectHoldingAModuleLockAndReservedM
     }
     ComPtr<IClassFactory> other;
     EXPECT_EQ(provider_.As(&other), E_NOINTERFACE);
-    EXPECT_EQ(other.Get(), nullptr);
-    UINT count = 0;
-    EXPECT_EQ(provider_->GetTypeInfoCount(&count), S_OK);
-    EXPECT_EQ(count, 1u);
     for (auto reserved : {&IDataProvider::Reserved1, &IDataProvider::Reserved2, &IDataProvider::Reserved3,
                           &IDataProvider::Reserved4, &IDataProvider::Reserved5, &IDataProvider::Reserved6}) {
         EXPECT_EQ((provider_.Get()->*reserved)(), S_OK);
     }
 }
 
-// Exception-to-HRESULT mapping itself is tested in tests/metric; here, that every path goes through it.
 TEST_F(ProviderTest, ExceptionsFromMetricsAndTheFactoryBecomeHResults)
 {
-    Connect();
-    collect_ = []() -> HRESULT { throw std::bad_alloc(); };
-    ASSERT_EQ(Subscribe(L"fake|oom"), S_OK);
-    EXPECT_EQ(Query(L"fake|oom", nullptr), E_OUTOFMEMORY);
-    EXPECT_EQ(provider_->QueryMetricToSink(Bstr(L"fake|oom"), 0, nullptr), E_OUTOFMEMORY);
+    static_cast<CProvider*>(provider_.Get())
+        ->UseMetricFactory([](const wchar_t*, ComPtr<IProviderLogger>, ComPtr<IProviderHostContext>) {
+            return std::make_shared<ThrowingMetric>();
+        });
+    ASSERT_EQ(Subscribe(L"test|oom"), S_OK);
+    EXPECT_EQ(Query(L"test|oom", nullptr), E_OUTOFMEMORY);
+    EXPECT_EQ(provider_->QueryMetricToSink(Bstr(L"test|oom"), 0, nullptr), E_OUTOFMEMORY);
 
-    impl_->UseMetricFactory([](const wchar_t*, ComPtr<IProviderLogger>, ComPtr<IProviderHostContext>)
-                                -> std::shared_ptr<CMetric> { throw HResultError(E_ACCESSDENIED); });
-    EXPECT_EQ(Subscribe(L"fake|denied"), E_ACCESSDENIED);
+    static_cast<CProvider*>(provider_.Get())
+        ->UseMetricFactory([](const wchar_t*, ComPtr<IProviderLogger>, ComPtr<IProviderHostContext>)
+                               -> std::shared_ptr<CMetric> { throw HResultError(E_ACCESSDENIED); });
+    EXPECT_EQ(Subscribe(L"test|denied"), E_ACCESSDENIED);
 }
 
 }  // namespace
