@@ -60,6 +60,39 @@ bool Selected(const std::string& only, const char* name)
     return list.find("," + std::string(name) + ",") != std::string::npos;
 }
 
+// "section figure: ratio 1.62x, goal ..." for every figure whose goal does not hold.
+std::vector<std::string> MissedGoals(const std::vector<zeph::bench::Figure>& figures)
+{
+    std::vector<std::string> missed;
+    for (const zeph::bench::Figure& figure : figures) {
+        if (!figure.goal.empty() && !figure.met) {
+            char ratio[32];
+            std::snprintf(ratio, sizeof ratio, "%.2fx", figure.ratio);
+            missed.push_back(figure.section + " " + figure.name + ": ratio " + ratio + ", goal " + figure.goal);
+        }
+    }
+    return missed;
+}
+
+// Runs one section in a fresh process of this program and appends its figures.
+bool RunSection(const Section& section, const zeph::bench::Options& options, const char* again,
+                std::vector<zeph::bench::Figure>& figures)
+{
+    std::fprintf(stderr, "zeph-bench: %s%s...\n", section.title, again);
+    const std::wstring path = zeph::bench::NewTemporaryFile();
+    const std::string name = section.name;
+    std::wstring arguments = L"--section " + std::wstring(name.begin(), name.end()) + L" --figures \"" + path + L"\"";
+    if (options.quick) {
+        arguments += L" --quick";
+    }
+    const bool ran = zeph::bench::RunSelf(arguments) && zeph::bench::ReadFigures(path, figures);
+    ::DeleteFileW(path.c_str());
+    if (!ran) {
+        std::fprintf(stderr, "zeph-bench: the %s section failed\n", section.title);
+    }
+    return ran;
+}
+
 }  // namespace
 
 int wmain(int argc, wchar_t** argv)
@@ -122,20 +155,19 @@ int wmain(int argc, wchar_t** argv)
         if (!Selected(only, candidate.name)) {
             continue;
         }
-        std::fprintf(stderr, "zeph-bench: %s...\n", candidate.title);
-        // Each section in a fresh process of its own (see child_process.h).
-        const std::wstring path = zeph::bench::NewTemporaryFile();
-        const std::string name = candidate.name;
-        std::wstring arguments = L"--section " + std::wstring(name.begin(), name.end()) + L" --figures \"" + path + L"\"";
-        if (options.quick) {
-            arguments += L" --quick";
-        }
-        const bool ran = zeph::bench::RunSelf(arguments) && zeph::bench::ReadFigures(path, figures);
-        ::DeleteFileW(path.c_str());
-        if (!ran) {
-            std::fprintf(stderr, "zeph-bench: the %s section failed\n", candidate.title);
+        std::vector<zeph::bench::Figure> own;
+        if (!RunSection(candidate, options, "", own)) {
             return 1;
         }
+        // A goal missed once may be noise from the other work on the machine: the
+        // section runs once more, and that run's figures stand.
+        if (!options.quick && !MissedGoals(own).empty()) {
+            own.clear();
+            if (!RunSection(candidate, options, " again (a goal was missed)", own)) {
+                return 1;
+            }
+        }
+        figures.insert(figures.end(), own.begin(), own.end());
     }
     const double seconds = (zeph::bench::NowNs() - start) / 1e9;
 
@@ -148,5 +180,10 @@ int wmain(int argc, wchar_t** argv)
         }
         std::printf("figures written to %ls\n", jsonPath.c_str());
     }
-    return 0;
+    // A quick run is too short to hold anyone to a goal.
+    const std::vector<std::string> missed = options.quick ? std::vector<std::string>() : MissedGoals(figures);
+    for (const std::string& figure : missed) {
+        std::fprintf(stderr, "zeph-bench: goal missed: %s\n", figure.c_str());
+    }
+    return missed.empty() ? 0 : 1;
 }

@@ -23,13 +23,36 @@ demo=$(cd "$(dirname "$0")" && pwd)
 bin="$build/bin"
 
 export WINEPREFIX="$build/demo-prefix"
+export ZEPH_WINEPREFIX="$WINEPREFIX"
 export WINEDEBUG=-all
 export WINEARCH=win64
 # The simulated event log (bin/wevtapi.dll) in place of Wine's stub.
 export WINEDLLOVERRIDES="wevtapi=n,b"
 
-# Every Wine start is bounded, so a stuck process fails the demo instead of hanging it.
-run() { timeout 120 wine "$@"; }
+# Every Wine start goes through wine-run (which keeps Wine's wine32 packaging advice off
+# standard error) and is bounded, so a stuck process fails the demo instead of hanging it.
+run() {
+    local status=0
+    timeout 120 "$build/wine-run" "$@" || status=$?
+    if [ "$status" -eq 124 ]; then
+        echo "demo: $1 did not finish within 120 s" >&2
+    fi
+    return "$status"
+}
+# The wineserver kills (SIGKILL) a Wine process whose Unix side is still there about a
+# second after its last Windows thread ended; on a busy machine that can happen to a
+# host that has printed everything and was only tearing down. Its Windows exit code is
+# then lost, so a run killed that way counts when its output ends with a whole query.
+run_host() {
+    local out="$build/demo-host.out" status=0
+    run zeph-host.exe "$@" > >(tee "$out") || status=$?
+    wait $! 2>/dev/null || true  # tee has written everything
+    if [ "$status" -eq 137 ] && grep -q '^Query ' "$out" && [ -z "$(tail -n 1 "$out")" ]; then
+        echo "demo: Wine killed zeph-host while it was ending, after its last query (see README)" >&2
+        status=0
+    fi
+    return "$status"
+}
 windows_path() { local p="Z:$1"; echo "${p//\//\\}"; }
 
 for file in zeph-host.exe zeph_eventlog.dll wevtapi.dll Agent.tlb; do
@@ -45,8 +68,9 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
     wineboot -i >/dev/null 2>&1
     wineserver -w
 fi
-# One wineserver for all the starts below; it goes by itself shortly after.
-wineserver -p10 </dev/null >/dev/null 2>&1
+# One wineserver for all the starts below; it goes by itself shortly after. One still
+# alive from a run a moment ago (exit code 2) serves as well.
+wineserver -p10 </dev/null >/dev/null 2>&1 || true
 
 echo "== registering the host's Agent.tlb and zeph_eventlog.dll"
 cd "$bin"
@@ -67,12 +91,12 @@ if [ -n "$evtx" ]; then
     echo "== evtxexport -f xml $evtx > $events"
     evtxexport -f xml "$evtx" > "$events"
     echo "== zeph-host --config demo/zeph-host.xml --replay $events --once"
-    run zeph-host.exe --config "$(windows_path "$demo/zeph-host.xml")" \
+    run_host --config "$(windows_path "$demo/zeph-host.xml")" \
         --replay "$(windows_path "$events")" --once
     exit 0
 fi
 
 echo "== zeph-host --config demo/zeph-host.xml --scenario demo/scenario.xml --replay demo/application-errors.xml --once"
-run zeph-host.exe --config "$(windows_path "$demo/zeph-host.xml")" \
+run_host --config "$(windows_path "$demo/zeph-host.xml")" \
     --scenario "$(windows_path "$demo/scenario.xml")" \
     --replay "$(windows_path "$demo/application-errors.xml")" --once

@@ -163,6 +163,50 @@ TEST_F(SimTest, RefusalsCarryTheApisErrorCodes)
     EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
 }
 
+// What zeph-host checks a configuration with: a channel's configuration and a one-event
+// query, refused with the codes EvtSubscribe gives. Nothing is kept once delivered, so
+// a query finds no past event.
+TEST_F(SimTest, ChannelConfigAndOneEventQuery)
+{
+    const auto openError = [](const wchar_t* channel, DWORD flags = 0) {
+        EVT_HANDLE h = EvtOpenChannelConfig(nullptr, channel, flags);
+        return h != nullptr && EvtClose(h) ? kOk : GetLastError();
+    };
+    EXPECT_EQ(kOk, openError(L"aPPLICATION"));
+    EXPECT_EQ(DWORD{ERROR_EVT_CHANNEL_NOT_FOUND}, openError(L"No Such Channel"));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, openError(nullptr));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, openError(channel_.c_str(), 1));
+
+    const auto queryError = [](const wchar_t* channel, const wchar_t* query,
+                               DWORD flags = EvtQueryChannelPath | EvtQueryReverseDirection) {
+        EVT_HANDLE results = EvtQuery(nullptr, channel, query, flags);
+        if (results == nullptr) return GetLastError();
+        EVT_HANDLE event = nullptr;
+        DWORD returned = 7;
+        const DWORD error = EvtNext(results, 1, &event, 1000, 0, &returned) ? kOk : GetLastError();
+        EXPECT_EQ(0u, returned);
+        EXPECT_TRUE(EvtClose(results));
+        return error;
+    };
+    ASSERT_EQ(kOk, Write(L"P", 1));
+    EXPECT_EQ(DWORD{ERROR_NO_MORE_ITEMS}, queryError(channel_.c_str(), L"*[System[(EventID=1)]]"));
+    EXPECT_EQ(DWORD{ERROR_EVT_CHANNEL_NOT_FOUND}, queryError(L"No Such Channel", L"*"));
+    EXPECT_EQ(DWORD{ERROR_EVT_INVALID_QUERY}, queryError(channel_.c_str(), L"*[System[EventID=]]"));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER},
+              queryError(channel_.c_str(), L"*", EvtQueryChannelPath | EvtQueryFilePath));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, queryError(channel_.c_str(), L"*", EvtQueryReverseDirection));
+    EXPECT_EQ(DWORD{ERROR_NOT_SUPPORTED}, queryError(nullptr, L"*"));
+    EVT_HANDLE event = nullptr;
+    DWORD returned = 0;
+    EXPECT_FALSE(EvtNext(nullptr, 1, &event, 0, 0, &returned));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
+
+    const EVT_SIM_COUNTERS counters = Counters();
+    EXPECT_EQ(1, counters.opened[EVT_SIM_KIND_CHANNEL_CONFIG]);
+    EXPECT_EQ(1, counters.opened[EVT_SIM_KIND_QUERY]);
+    EXPECT_EQ(0, EvtSimOpenHandles(EVT_SIM_KIND_CHANNEL_CONFIG) + EvtSimOpenHandles(EVT_SIM_KIND_QUERY));
+}
+
 TEST_F(SimTest, DeliversFutureEventsOnOneThreadOfItsOwnAndErrorsWithTheirCode)
 {
     ASSERT_EQ(kOk, Write(L"Past", 1));

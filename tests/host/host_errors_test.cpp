@@ -8,6 +8,7 @@ namespace zeph::test {
 namespace {
 
 enum : DWORD {
+    kRunFailed = 1,
     kUsage = 2,
     kConfigMissing = 3,
     kConfigMalformed = 4,
@@ -83,7 +84,32 @@ TEST_F(HostErrors, EachRefusalHasItsExitCodeAndLine)
     const std::wstring copy = folder_.Path() + L"\\zeph_eventlog.dll";
     ASSERT_TRUE(::CopyFileW(dll_.c_str(), copy.c_str(), TRUE));
     const std::wstring query = folder_.WriteFile(L"s.xml", "<scenario><query/></scenario>");
+    const std::wstring unclosed =
+        folder_.WriteFile(L"unclosed.xml", "<zeph-host>\n  <metric name=\"a\"></metrics>\n</zeph-host>\n");
+    const std::wstring unknownAttribute = folder_.WriteFile(L"attr.xml", "<scenario><pause ms='5' msec='5'/></scenario>");
+    // As regsvr32 /i:user /n leaves it: classes of the current user only.
+    ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, L"Software\\Classes\\ZephTest.UserOnly\\CLSID", nullptr, REG_SZ,
+                                L"{5A1E7C00-0000-4000-8000-00000000DEAD}", 78),
+              0);
+    struct UserKey {
+        ~UserKey() { ::RegDeleteTreeW(HKEY_CURRENT_USER, L"Software\\Classes\\ZephTest.UserOnly"); }
+    } removed;
+    const std::wstring notRegistered =
+        L"' is not registered: register the provider (regsvr32 zeph_eventlog.dll) or give --dll PATH";
     Expect({
+        {{L"--register-tlb", config_ + L".tlb"}, kRunFailed,
+         L"cannot load the type library '" + config_ + L".tlb': file not found"},
+        {{L"--config", config_, L"--once", L"--interval", L"5"}, kUsage,
+         L"--once and --interval exclude each other (see zeph-host --help)"},
+        {{L"--config", unclosed, L"--once"}, kConfigMalformed,
+         L"the configuration file '" + unclosed +
+             L"' is not well-formed XML at line 2, column *: Opening and ending tag mismatch: metric line 2 and metrics"},
+        {{L"--config", config_, L"--once", L"--progid", L"ZephTest.UserOnly"}, kClassNotRegistered,
+         L"the class 'ZephTest.UserOnly" + notRegistered +
+             L"; it is registered for the current user only (regsvr32 /i:user /n), which Wine does not merge into "
+             L"HKEY_CLASSES_ROOT: register it machine-wide"},
+        {With({L"--scenario", unknownAttribute}), kScenarioInvalid,
+         L"the scenario '" + unknownAttribute + L"', step 1 <pause>: unknown attribute 'msec' (expected ms)"},
         {{L"--config", config_, L"--interval", L"0"}, kUsage,
          L"--interval takes a number of seconds from 1 to 86400, not '0' (see zeph-host --help)"},
         {{L"--config", absent, L"--once"}, kConfigMissing, L"cannot read the configuration file '" + absent + L"': *"},
@@ -92,8 +118,7 @@ TEST_F(HostErrors, EachRefusalHasItsExitCodeAndLine)
         {{L"--config", config_, L"--once", L"--dll", eventLogDll}, kDllNotLoaded,
          L"'" + eventLogDll + L"' is not a COM server: it does not export DllGetClassObject"},
         {{L"--config", config_, L"--once", L"--progid", L"ZephTest.NoSuchProvider"}, kClassNotRegistered,
-         L"the class 'ZephTest.NoSuchProvider' is not registered: register the provider (regsvr32 zeph_eventlog.dll) "
-         L"or give --dll PATH"},
+         L"the class 'ZephTest.NoSuchProvider" + notRegistered},
         // The provider's own log lines stay off, so the host's line is the only one.
         {{L"--config", noQuery, L"--once", L"--log", L"none", L"--dll", dll_}, kSubscribeFailed,
          L"cannot subscribe the metric 'eventlog|eventlog_quillon': 0x80070490*"},
@@ -103,6 +128,33 @@ TEST_F(HostErrors, EachRefusalHasItsExitCodeAndLine)
         {{L"--config", config_, L"--once", L"--dll", copy, L"--scenario", query}, kScenarioFailed,
          L"scenario replay needs the simulated event log, but the wevtapi.dll in use (*) is the system's event log"},
     });
+}
+
+// A metric that will report nothing is still handed to the provider as written, and
+// named on standard error, one line each.
+TEST_F(HostErrors, MetricsThatWillReportNothingAreNamed)
+{
+    const std::wstring config = folder_.WriteFile(L"unusable.xml", R"(<zeph-host>
+  <metric name="eventlog|eventlog_appcrash"><channel>Nowhere</channel><query>*</query></metric>
+  <metric name="eventlog|eventlog_quillon"><channel>Application</channel><query>*[System[</query></metric>
+  <metric name="eventlog|eventlog_typo"><channel>Application</channel><query>*</query></metric>
+  <metric name="eventlog|eventlog_appcrash"><channel>Nowhere either</channel></metric>
+</zeph-host>
+)");
+    const HostRun run = RunZephHost({L"--config", config, L"--once", L"--log", L"none", L"--dll", dll_});
+    EXPECT_EQ(run.exitCode, 0u);
+    const std::wstring warning = L"zeph-host: warning: metric 'eventlog|eventlog_";
+    const std::wstring nothing = L": the metric will report nothing";
+    const auto lines = run.ErrLines();
+    ASSERT_EQ(lines.size(), 3u) << testing::PrintToString(run.err);
+    EXPECT_EQ(lines[0], warning + L"appcrash': channel 'Nowhere' does not exist on this machine" + nothing);
+    EXPECT_TRUE(lines[1].starts_with(warning + L"quillon': the event log rejects the query '*[System[': 0x00003a99") &&
+                lines[1].ends_with(nothing))
+        << testing::PrintToString(lines[1]);
+    EXPECT_EQ(lines[2], warning + L"typo': the provider has no metric of this name and took nothing" + nothing);
+    for (const wchar_t* metric : {L"appcrash: 0 values", L"quillon: 0 values", L"typo: 0 values"}) {
+        EXPECT_NE(run.out.find(std::wstring(L"eventlog|eventlog_") + metric), std::wstring::npos) << run.out.size();
+    }
 }
 
 TEST_F(HostErrors, FailedStepEndsTheRunAndUnsubscribes)

@@ -2,7 +2,8 @@
 //
 // The simulator implements the Event Log API functions the provider calls
 // (EvtSubscribe, EvtCreateRenderContext, EvtRender, EvtOpenPublisherMetadata,
-// EvtFormatMessage, EvtClose) in memory, with the real API's error codes and
+// EvtFormatMessage, EvtClose), and those zeph-host checks a configuration with
+// (EvtOpenChannelConfig, EvtQuery, EvtNext), in memory, with the real API's error codes and
 // callbacks on threads of its own. These extra exports let tests, the demo host
 // and the benchmarks write events into channels and check handle accounting.
 // They do not exist in the real wevtapi.dll: callers that may run against the
@@ -49,7 +50,9 @@ enum EVT_SIM_HANDLE_KIND {
     EVT_SIM_KIND_RENDER_CONTEXT = 1,
     EVT_SIM_KIND_PUBLISHER_METADATA = 2,
     EVT_SIM_KIND_EVENT = 3,  // handles passed to subscription callbacks
-    EVT_SIM_KIND_COUNT = 4
+    EVT_SIM_KIND_CHANNEL_CONFIG = 4,
+    EVT_SIM_KIND_QUERY = 5,  // EvtQuery result sets
+    EVT_SIM_KIND_COUNT = 6
 };
 
 typedef struct EVT_SIM_COUNTERS {

@@ -184,6 +184,49 @@ BOOL WINAPI EvtClose(EVT_HANDLE Object) {
     });
 }
 
+EVT_HANDLE WINAPI EvtOpenChannelConfig(EVT_HANDLE Session, LPCWSTR ChannelPath, DWORD Flags) {
+    return Api<EVT_HANDLE>(nullptr, [&] {
+        if (Session != nullptr) return Failed(ERROR_NOT_SUPPORTED);
+        if (ChannelPath == nullptr || Flags != 0) return Failed(ERROR_INVALID_PARAMETER);
+        std::shared_ptr<Channel> channel = Log().FindChannel(ChannelPath);
+        if (!channel) return Failed(ERROR_EVT_CHANNEL_NOT_FOUND);
+        return Outcome<EVT_HANDLE>{Handles().Add(EVT_SIM_KIND_CHANNEL_CONFIG, channel), ERROR_SUCCESS};
+    });
+}
+
+// Nothing is kept once delivered, so a query of a channel finds no past events.
+EVT_HANDLE WINAPI EvtQuery(EVT_HANDLE Session, LPCWSTR Path, LPCWSTR Query, DWORD Flags) {
+    return Api<EVT_HANDLE>(nullptr, [&] {
+        constexpr DWORD kDirections = EvtQueryForwardDirection | EvtQueryReverseDirection;
+        if (Session != nullptr) return Failed(ERROR_NOT_SUPPORTED);
+        if ((Flags & ~(EvtQueryChannelPath | EvtQueryFilePath | kDirections | EvtQueryTolerateQueryErrors)) != 0 ||
+            (Flags & kDirections) == kDirections ||
+            ((Flags & EvtQueryChannelPath) != 0) == ((Flags & EvtQueryFilePath) != 0)) {  // exactly one of them
+            return Failed(ERROR_INVALID_PARAMETER);
+        }
+        // Log files and structured XML queries (no path) are not simulated.
+        if ((Flags & EvtQueryFilePath) != 0 || Path == nullptr) return Failed(ERROR_NOT_SUPPORTED);
+        std::shared_ptr<Channel> channel = Log().FindChannel(Path);
+        if (!channel) return Failed(ERROR_EVT_CHANNEL_NOT_FOUND);
+        if (!QueryFilter::Parse(Query)) return Failed(ERROR_EVT_INVALID_QUERY);
+        return Outcome<EVT_HANDLE>{Handles().Add(EVT_SIM_KIND_QUERY, channel), ERROR_SUCCESS};
+    });
+}
+
+BOOL WINAPI EvtNext(EVT_HANDLE ResultSet, DWORD EventsSize, EVT_HANDLE* Events, DWORD Timeout, DWORD Flags,
+                    PDWORD Returned) {
+    (void)Timeout;  // the result is known at once
+    return Api<BOOL>(FALSE, [&] {
+        // Pull subscriptions (a signal event) are not offered, so only query results have a next event.
+        if (!Handles().Find<Channel>(ResultSet, EVT_SIM_KIND_QUERY)) return Refused(ERROR_INVALID_HANDLE);
+        if (EventsSize == 0 || Events == nullptr || Returned == nullptr || Flags != 0) {
+            return Refused(ERROR_INVALID_PARAMETER);
+        }
+        *Returned = 0;
+        return Refused(ERROR_NO_MORE_ITEMS);
+    });
+}
+
 DWORD WINAPI EvtSimAddChannel(LPCWSTR channel) {
     return Status([&] { return channel ? Log().AddChannel(channel) : DWORD{ERROR_INVALID_PARAMETER}; });
 }

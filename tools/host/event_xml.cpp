@@ -4,6 +4,7 @@
 #include "scenario.h"
 #include "win/com_strings.h"
 #include "win/unique_resource.h"
+#include "xml_parse_fault.h"
 
 #include <oleauto.h>
 
@@ -217,7 +218,22 @@ Scan ScanEvents(std::wstring_view text)
     return scan;
 }
 
-std::wstring ParseErrorOf(IXMLDOMDocument* document, const Position& start)
+std::string ToUtf8(std::wstring_view text)
+{
+    std::string bytes;
+    if (!text.empty()) {
+        const int size = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0,
+                                               nullptr, nullptr);
+        bytes.resize(static_cast<size_t>(size));
+        ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), bytes.data(), size, nullptr,
+                              nullptr);
+    }
+    return bytes;
+}
+
+// The parse-error object's line, column and reason; where it has none (Wine's),
+// those of the SAX reader on the same text.
+std::wstring ParseErrorOf(IXMLDOMDocument* document, const Position& start, const std::string& source)
 {
     ComPtr<IXMLDOMParseError> error;
     long line = 0;
@@ -230,6 +246,13 @@ std::wstring ParseErrorOf(IXMLDOMDocument* document, const Position& start)
     }
     const unique_bstr owned(reason);
     std::wstring text = reason != nullptr ? Trimmed(std::wstring(reason, ::SysStringLen(reason))) : std::wstring();
+    if (line <= 0) {
+        if (const auto fault = XmlParseFault(source)) {
+            line = fault->line;
+            column = fault->column;
+            text = fault->reason;
+        }
+    }
     Position at = start;
     if (line > 1) {
         at.line += static_cast<size_t>(line) - 1;
@@ -358,10 +381,17 @@ EventFile ParseEventText(std::wstring_view text)
         position = Advance(position, text, positionAt, start);
         positionAt = start;
         const std::wstring where = L"event " + std::to_wstring(i + 1) + L" (";
-        const unique_bstr source = MakeBstr(std::wstring_view(text).substr(start, end - start));
+        // Loaded as UTF-8 bytes from a stream (see MemoryStream).
+        const std::string source = ToUtf8(std::wstring_view(text).substr(start, end - start));
+        VARIANT stream;
+        ::VariantInit(&stream);
+        V_VT(&stream) = VT_UNKNOWN;
+        V_UNKNOWN(&stream) = MemoryStream(source).Detach();
         VARIANT_BOOL loaded = VARIANT_FALSE;
-        if (FAILED(document->loadXML(source.get(), &loaded)) || loaded != VARIANT_TRUE) {
-            file.fault = L"event " + std::to_wstring(i + 1) + L": " + ParseErrorOf(document.Get(), position);
+        const HRESULT result = document->load(stream, &loaded);
+        ::VariantClear(&stream);
+        if (FAILED(result) || loaded != VARIANT_TRUE) {
+            file.fault = L"event " + std::to_wstring(i + 1) + L": " + ParseErrorOf(document.Get(), position, source);
             return file;
         }
         try {

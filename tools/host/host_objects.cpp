@@ -3,7 +3,9 @@
 #include "console.h"
 #include "win/com_strings.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <new>
 
 namespace zeph::host {
@@ -36,6 +38,10 @@ std::wstring IndentLines(std::wstring text)
     return result;
 }
 
+// The provider's info line for a metric it created, around the metric's name.
+constexpr wchar_t kCreatedPrefix[] = L"created metric '";
+constexpr wchar_t kCreatedSuffix[] = L"'.";
+
 }  // namespace
 
 STDMETHODIMP ConsoleLogger::GetCategoryLevels(LPCWSTR, ULONG* levels)
@@ -43,20 +49,35 @@ STDMETHODIMP ConsoleLogger::GetCategoryLevels(LPCWSTR, ULONG* levels)
     if (levels == nullptr) {
         return E_POINTER;
     }
-    *levels = levels_;
+    *levels = levels_ | (watching_ ? kLevelInfo : 0);
     return S_OK;
 }
 
-HRESULT ConsoleLogger::Print(const wchar_t* level, BSTR category, BSTR text)
+bool ConsoleLogger::Created(const std::wstring& name)
+{
+    std::lock_guard lock(createdMutex_);
+    return std::find(created_.begin(), created_.end(), name) != created_.end();
+}
+
+HRESULT ConsoleLogger::Print(ULONG level, const wchar_t* levelName, BSTR category, BSTR text)
 {
     try {
+        const std::wstring line = FromBstr(text);
+        if (line.starts_with(kCreatedPrefix) && line.ends_with(kCreatedSuffix) &&
+            line.size() >= std::size(kCreatedPrefix) + std::size(kCreatedSuffix) - 2) {
+            std::lock_guard lock(createdMutex_);
+            created_.push_back(line.substr(std::size(kCreatedPrefix) - 1,
+                                           line.size() - std::size(kCreatedPrefix) - std::size(kCreatedSuffix) + 2));
+        }
+        if ((levels_ & level) == 0) {
+            return S_OK;
+        }
         SYSTEMTIME now = {};
         ::GetLocalTime(&now);
         wchar_t stamp[32] = {};
         std::swprintf(stamp, 32, L"%02u:%02u:%02u.%03u [", now.wHour, now.wMinute, now.wSecond,
                       now.wMilliseconds);
-        WriteErr(stamp + std::wstring(level) + L"] " + FromBstr(category) + L": " + IndentLines(FromBstr(text)) +
-                 L"\n");
+        WriteErr(stamp + std::wstring(levelName) + L"] " + FromBstr(category) + L": " + IndentLines(line) + L"\n");
         return S_OK;
     } catch (const std::bad_alloc&) {
         return E_OUTOFMEMORY;

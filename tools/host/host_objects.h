@@ -4,9 +4,11 @@
 #pragma once
 
 #include "host_com_object.h"
+#include "options.h"
 
 #include <agent.h>
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -21,14 +23,23 @@ public:
 
     STDMETHODIMP HostReserved1() override { return E_NOTIMPL; }
     STDMETHODIMP GetCategoryLevels(LPCWSTR category, ULONG* levels) override;
-    STDMETHODIMP LogError(BSTR category, BSTR text) override { return Print(L"error", category, text); }
-    STDMETHODIMP LogWarning(BSTR category, BSTR text) override { return Print(L"warning", category, text); }
-    STDMETHODIMP LogInfo(BSTR category, BSTR text) override { return Print(L"info", category, text); }
+    STDMETHODIMP LogError(BSTR category, BSTR text) override { return Print(kLevelError, L"error", category, text); }
+    STDMETHODIMP LogWarning(BSTR category, BSTR text) override { return Print(kLevelWarning, L"warning", category, text); }
+    STDMETHODIMP LogInfo(BSTR category, BSTR text) override { return Print(kLevelInfo, L"info", category, text); }
+
+    // The provider takes an unknown metric name with success and without a word; only its
+    // info line "created metric '...'." tells a name it took. While watching, the provider
+    // is told info is on, and info lines not asked for are read and not printed.
+    void WatchCreations(bool watch) { watching_ = watch; }
+    bool Created(const std::wstring& name);
 
 private:
-    HRESULT Print(const wchar_t* level, BSTR category, BSTR text);
+    HRESULT Print(ULONG level, const wchar_t* levelName, BSTR category, BSTR text);
 
     const ULONG levels_;
+    std::atomic<bool> watching_{false};
+    std::mutex createdMutex_;
+    std::vector<std::wstring> created_;
 };
 
 // One value as the sink received it.

@@ -2,6 +2,7 @@
 
 #include "configuration.h"
 #include "console.h"
+#include "event_source_check.h"
 #include "host_objects.h"
 #include "provider_loader.h"
 #include "replay.h"
@@ -179,8 +180,23 @@ ExitCode RunHost(const Options& options, HANDLE stopEvent)
     std::optional<HostError> malformed;  // an event file's fault, reported after the final query
     {
         Subscriptions subscriptions(provider->Get());
-        for (const MetricConfig& metric : configuration.metrics) {
-            subscriptions.Subscribe(metric);
+        {
+            // After the scenario's channels exist, as the metrics will find them.
+            const EventSourceCheck check;
+            std::vector<std::wstring> checked;
+            logger->WatchCreations(true);
+            for (const MetricConfig& metric : configuration.metrics) {
+                subscriptions.Subscribe(metric);
+                // A name subscribed again keeps its first configuration.
+                if (std::find(checked.begin(), checked.end(), metric.name) != checked.end()) {
+                    continue;
+                }
+                checked.push_back(metric.name);
+                for (const std::wstring& warning : check.Check(metric, logger->Created(metric.name))) {
+                    WriteErr(L"zeph-host: warning: " + warning + L"\n");
+                }
+            }
+            logger->WatchCreations(false);
         }
         Querier querier(provider->Get(), sink.Get(), DistinctNames(configuration), options.json);
 

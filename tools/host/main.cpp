@@ -5,6 +5,7 @@
 #include "host_session.h"
 #include "options.h"
 #include "type_library.h"
+#include "version_report.h"
 
 #include <windows.h>
 
@@ -48,6 +49,10 @@ int wmain(int argc, wchar_t** argv)
             zeph::host::ParseOptions(std::vector<std::wstring>(argv + (argc > 0 ? 1 : 0), argv + argc));
         if (options.help) {
             zeph::host::WriteOut(zeph::host::HelpText());
+            return 0;
+        }
+        if (options.version) {
+            zeph::host::PrintVersions(options);
             return 0;
         }
         if (!options.registerTypeLib.empty()) {

@@ -79,6 +79,7 @@ Options ParseOptions(const std::vector<std::wstring>& arguments)
     Options options;
     bool dllGiven = false;
     bool progIdGiven = false;
+    bool intervalGiven = false;
     for (size_t i = 0; i < arguments.size(); ++i) {
         std::wstring name = arguments[i];
         std::optional<std::wstring> inlineValue;
@@ -107,6 +108,9 @@ Options ParseOptions(const std::vector<std::wstring>& arguments)
         if (name == L"--help" || name == L"-h" || name == L"-?" || name == L"/?") {
             flag();
             options.help = true;
+        } else if (name == L"--version") {
+            flag();
+            options.version = true;
         } else if (name == L"--config" || name == L"-c") {
             options.config = value();
         } else if (name == L"--dll") {
@@ -119,6 +123,7 @@ Options ParseOptions(const std::vector<std::wstring>& arguments)
             options.logLevels = ParseLogLevels(value());
         } else if (name == L"--interval") {
             options.intervalSeconds = ParseSeconds(name, value());
+            intervalGiven = true;
         } else if (name == L"--once") {
             flag();
             options.once = true;
@@ -152,10 +157,16 @@ Options ParseOptions(const std::vector<std::wstring>& arguments)
     if (dllGiven && progIdGiven) {
         UsageError(L"--dll and --progid exclude each other");
     }
+    if (options.once && intervalGiven) {
+        UsageError(L"--once and --interval exclude each other");
+    }
     if ((dllGiven && options.dll.empty()) || (progIdGiven && options.progId.empty()) ||
         (!options.scenario.empty() && options.scenario.find_first_not_of(L' ') == std::wstring::npos) ||
         (!options.replay.empty() && options.replay.find_first_not_of(L' ') == std::wstring::npos)) {
         UsageError(L"an option was given an empty value");
+    }
+    if (options.version) {
+        return options;
     }
     if (options.config.empty()) {
         UsageError(L"no configuration file: give --config FILE");
@@ -171,6 +182,7 @@ Usage:
   zeph-host --config FILE [--dll PATH | --progid PROGID] [--once | --interval SECONDS]
             [--json] [--log LEVELS] [--scenario FILE] [--replay FILE]
   zeph-host --register-tlb FILE | --unregister-tlb FILE
+  zeph-host --version [--dll PATH | --progid PROGID]
   zeph-host --help
 
 Options:
@@ -190,6 +202,7 @@ Options:
                          evtxexport -f xml) against the simulated event log, after the scenario.
   --register-tlb FILE    register a type library file (the agent's Agent.tlb) and exit.
   --unregister-tlb FILE  unregister it and exit.
+  --version              print zeph-host's version and, when it can be loaded, the provider DLL's.
   -h, --help             this text.
 
 Output:
@@ -198,12 +211,14 @@ Output:
   one object per value: {"query","metric","key","instance","type","value"[,"utc"]}, and one per
   metric query: {"query","metric","result","values","time"}.
   Log lines go to standard error: "hh:mm:ss.mmm [level] category: text".
-  Ctrl+C stops the host: it unsubscribes every metric and releases the provider.
+  Ctrl+C, Ctrl+Break or closing the console stops the host: it unsubscribes every metric and
+  releases the provider. Under Wine only Ctrl+C (SIGINT) does; SIGTERM, SIGHUP and SIGKILL end
+  it at once.
 
 Exit codes:
   0  finished, or stopped with Ctrl+C
   1  run failed: COM or MSXML unavailable, a query failed, a type library not (un)registered
-  2  unknown option, missing or bad option value
+  2  unknown option, missing or bad option value, options that exclude each other
   3  configuration file missing or unreadable
   4  configuration malformed: not well-formed XML, no <metric> element, a metric without a name
   5  provider DLL cannot be loaded, or is no COM server

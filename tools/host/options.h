@@ -19,6 +19,7 @@ inline constexpr ULONG kLevelInfo = 0x4;
 
 struct Options {
     bool help = false;
+    bool version = false;           // --version: the host's version and the provider's, then exit
     std::wstring config;            // --config
     std::wstring dll;               // --dll: load this file instead of creating by ProgID
     std::wstring progId = kDefaultProgId;

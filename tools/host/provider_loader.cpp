@@ -21,6 +21,20 @@ bool IsLoadFailure(HRESULT result)
            result == HRESULT_FROM_WIN32(ERROR_DLL_INIT_FAILED) || result == HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
 }
 
+// regsvr32 /i:user /n writes the classes under HKEY_CURRENT_USER\Software\Classes. Windows
+// merges them into HKEY_CLASSES_ROOT; Wine does not, so there such a registration is not found.
+std::wstring PerUserNote(const std::wstring& progId)
+{
+    HKEY key = nullptr;
+    const std::wstring path = L"Software\\Classes\\" + progId;
+    if (::RegOpenKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) {
+        return L"";
+    }
+    ::RegCloseKey(key);
+    return L"; it is registered for the current user only (regsvr32 /i:user /n), which Wine does not merge into "
+           L"HKEY_CLASSES_ROOT: register it machine-wide";
+}
+
 }  // namespace
 
 std::unique_ptr<ProviderInstance> ProviderInstance::CreateByProgId(const std::wstring& progId)
@@ -30,14 +44,15 @@ std::unique_ptr<ProviderInstance> ProviderInstance::CreateByProgId(const std::ws
     if (FAILED(result)) {
         throw HostError(ExitCode::ClassNotRegistered,
                         L"the class '" + progId +
-                            L"' is not registered: register the provider (regsvr32 zeph_eventlog.dll) or give --dll PATH");
+                            L"' is not registered: register the provider (regsvr32 zeph_eventlog.dll) or give --dll PATH" +
+                            PerUserNote(progId));
     }
     std::unique_ptr<ProviderInstance> instance(new ProviderInstance());
     result = ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&instance->provider_));
     if (result == REGDB_E_CLASSNOTREG || result == CLASS_E_CLASSNOTAVAILABLE) {
         throw HostError(ExitCode::ClassNotRegistered,
                         L"the class '" + progId + L"' is not registered as an in-process server: " +
-                            DescribeError(static_cast<DWORD>(result)));
+                            DescribeError(static_cast<DWORD>(result)) + PerUserNote(progId));
     }
     if (result == E_NOINTERFACE) {
         throw HostError(ExitCode::ClassNotRegistered,

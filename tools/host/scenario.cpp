@@ -4,6 +4,7 @@
 #include "xml_file.h"
 
 #include <algorithm>
+#include <initializer_list>
 
 namespace zeph::host {
 
@@ -65,6 +66,22 @@ public:
 
     std::optional<std::wstring> Optional(const wchar_t* name) const { return Attribute(element_, name); }
 
+    // A misspelt attribute would otherwise be ignored without a word.
+    void OnlyAttributes(std::initializer_list<const wchar_t*> known) const
+    {
+        for (const std::wstring& name : AttributeNames(element_)) {
+            if (std::find_if(known.begin(), known.end(), [&](const wchar_t* k) { return name == k; }) != known.end()) {
+                continue;
+            }
+            std::wstring expected;
+            for (const wchar_t* k : known) {
+                expected += (expected.empty() ? L"" : L", ") + std::wstring(k);
+            }
+            Fail(L"unknown attribute '" + name + L"'" +
+                 (known.size() == 0 ? std::wstring(L" (it takes none)") : L" (expected " + expected + L")"));
+        }
+    }
+
     unsigned Number(const wchar_t* name, unsigned maximum) const
     {
         const std::wstring text = Required(name);
@@ -98,6 +115,7 @@ private:
 
 EventStep ReadEvent(const StepReader& reader)
 {
+    reader.OnlyAttributes({L"channel", L"publisher", L"id", L"time", L"formattable"});
     EventStep step;
     step.channel = reader.Required(L"channel");
     step.publisher = reader.Required(L"publisher");
@@ -123,6 +141,7 @@ EventStep ReadEvent(const StepReader& reader)
 
 AppendStep ReadAppend(const StepReader& reader)
 {
+    reader.OnlyAttributes({L"file", L"encoding"});
     AppendStep step;
     step.file = reader.Required(L"file");
     if (const auto encoding = reader.Optional(L"encoding")) {
@@ -273,14 +292,17 @@ Scenario LoadScenario(const std::wstring& path)
         } else if (tag == L"append") {
             scenario.steps.emplace_back(ReadAppend(reader));
         } else if (tag == L"pause") {
+            reader.OnlyAttributes({L"ms"});
             reader.NoText();
             scenario.steps.emplace_back(PauseStep{reader.Number(L"ms", kMaxPauseMs)});
         } else if (tag == L"query") {
+            reader.OnlyAttributes({});
             reader.NoText();
             scenario.steps.emplace_back(QueryStep{});
         } else if (tag == L"Event") {
             scenario.steps.emplace_back(ReadEventXml(reader, element.Get()));
         } else if (tag == L"replay") {
+            reader.OnlyAttributes({L"file"});
             reader.NoText();
             scenario.steps.emplace_back(ReplayStep{BesideScenario(path, reader.Required(L"file"))});
         } else {

@@ -14,6 +14,10 @@ namespace {
 
 Microsoft::WRL::ComPtr<ITypeLib> Load(const std::wstring& path)
 {
+    // LoadTypeLibEx answers a missing file with a bare TYPE_E_CANTLOADLIBRARY.
+    if (::GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) {
+        throw HostError(ExitCode::RunFailed, L"cannot load the type library '" + path + L"': file not found");
+    }
     Microsoft::WRL::ComPtr<ITypeLib> library;
     const HRESULT result = ::LoadTypeLibEx(path.c_str(), REGKIND_NONE, &library);
     if (FAILED(result)) {

@@ -4,6 +4,7 @@
 #include "win/com_strings.h"
 #include "win/module_path.h"
 #include "win/unique_resource.h"
+#include "xml_parse_fault.h"
 
 #include <oleauto.h>
 
@@ -46,12 +47,24 @@ ComPtr<IXMLDOMDocument> LoadXmlFile(const std::wstring& path, const wchar_t* wha
                                     ExitCode malformed)
 {
     const std::wstring quoted = std::wstring(what) + L" '" + path + L"'";
+    std::string bytes;
     {
         const unique_file file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
         if (!file) {
             throw HostError(missing, L"cannot read the " + quoted + L": " + SystemMessage(::GetLastError()));
         }
+        char buffer[65536];
+        DWORD read = 0;
+        while (::ReadFile(file.get(), buffer, sizeof(buffer), &read, nullptr) && read > 0) {
+            bytes.append(buffer, read);
+        }
+    }
+    if (bytes.find_first_not_of(" \t\r\n") == std::string::npos) {
+        throw HostError(malformed, L"the " + quoted + L" is empty");
+    }
+    if (const auto fault = XmlParseFault(bytes)) {
+        throw HostError(malformed, L"the " + quoted + L" is not well-formed XML " + fault->Text());
     }
     const std::wstring fullPath = FullPath(path);
 
@@ -132,6 +145,27 @@ std::optional<std::wstring> Attribute(IXMLDOMElement* element, const wchar_t* na
     std::wstring text(V_BSTR(&value), ::SysStringLen(V_BSTR(&value)));
     ::VariantClear(&value);
     return text;
+}
+
+std::vector<std::wstring> AttributeNames(IXMLDOMElement* element)
+{
+    std::vector<std::wstring> names;
+    ComPtr<IXMLDOMNamedNodeMap> attributes;
+    long count = 0;
+    if (FAILED(element->get_attributes(&attributes)) || !attributes || FAILED(attributes->get_length(&count))) {
+        return names;
+    }
+    for (long i = 0; i < count; ++i) {
+        ComPtr<IXMLDOMNode> attribute;
+        BSTR name = nullptr;
+        if (SUCCEEDED(attributes->get_item(i, &attribute)) && attribute && SUCCEEDED(attribute->get_nodeName(&name))) {
+            std::wstring text = TakeBstr(name);
+            if (text != L"xmlns" && !text.starts_with(L"xmlns:")) {
+                names.push_back(std::move(text));
+            }
+        }
+    }
+    return names;
 }
 
 std::wstring ElementText(IXMLDOMElement* element)

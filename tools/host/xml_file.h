@@ -28,6 +28,8 @@ std::vector<ComPtr<IXMLDOMElement>> ChildElements(IXMLDOMElement* parent);
 
 std::wstring TagName(IXMLDOMElement* element);
 std::optional<std::wstring> Attribute(IXMLDOMElement* element, const wchar_t* name);
+// The names of the element's attributes, namespace declarations (xmlns, xmlns:*) left out.
+std::vector<std::wstring> AttributeNames(IXMLDOMElement* element);
 // The element's own text and CDATA content, as written.
 std::wstring ElementText(IXMLDOMElement* element);
 

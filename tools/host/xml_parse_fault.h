@@ -1,0 +1,32 @@
+// Where and why a file is not well-formed XML, as one line: "at line 2, column 22:
+// <reason>". Wine's DOMDocument reports every parse failure as "error" at line 0 and
+// writes the parser's own message to standard error, so the host reads its files
+// first with msxml3's SAX reader, whose error handler gets the line, the column and
+// the reason, and gives the DOM only well-formed text.
+#pragma once
+
+#include <objidl.h>
+#include <wrl/client.h>
+
+#include <optional>
+#include <string>
+
+namespace zeph::host {
+
+struct XmlFault {
+    long line = 0;
+    long column = 0;
+    std::wstring reason;  // one line
+
+    std::wstring Text() const;  // "at line 2, column 22: reason"
+};
+
+// Nothing when the bytes are well-formed XML (or no SAX reader can be created:
+// the DOM then reports the fault itself).
+std::optional<XmlFault> XmlParseFault(const std::string& bytes);
+
+// The bytes as an in-memory stream, read from its start. DOMDocument::load and the SAX
+// reader take one whole; Wine's loadXML refuses a text node over 10,000,000 bytes.
+Microsoft::WRL::ComPtr<IStream> MemoryStream(const std::string& bytes);
+
+}  // namespace zeph::host
