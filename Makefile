@@ -9,12 +9,13 @@ WINEPREFIX_DIR := $(abspath $(BUILD))/wineprefix
 WINE_ENV  := WINEPREFIX=$(WINEPREFIX_DIR) WINEDEBUG=-all WINEARCH=win64
 
 # Debian packages the build needs, and a file or command that shows each is there.
-PACKAGES  := g++-mingw-w64-x86-64-posix mingw-w64-tools libwine-dev wine64 wine cmake googletest clang lld
+PACKAGES  := g++-mingw-w64-x86-64-posix mingw-w64-tools libwine-dev wine64 wine cmake googletest clang lld \
+             wixl msitools
 NEEDED    := /usr/bin/x86_64-w64-mingw32-g++-posix /usr/bin/x86_64-w64-mingw32-widl \
              /usr/include/wine/wine/windows/oaidl.idl /usr/bin/wine /usr/bin/cmake \
-             /usr/src/googletest/CMakeLists.txt /usr/bin/clang++ /usr/bin/ld.lld
+             /usr/src/googletest/CMakeLists.txt /usr/bin/clang++ /usr/bin/ld.lld /usr/bin/wixl /usr/bin/msiinfo
 
-.PHONY: all deps configure build build-clang demo-build prefix test demo replay bench package coverage clean
+.PHONY: all deps configure build build-clang demo-build prefix test demo replay bench package msi coverage clean
 
 all: build
 
@@ -101,9 +102,14 @@ replay: demo-build
 	fi
 	bash demo/run.sh $(BUILD) --evtx "$(EVTX)"
 
-# The release archive: $(BUILD)/zeph_eventlog-<version>-win64.zip (see cmake/Package.cmake).
-package: demo-build
+# The release archive, $(BUILD)/zeph_eventlog-<version>-win64.zip (see cmake/Package.cmake),
+# and beside it the Windows Installer package, $(BUILD)/zeph_eventlog-<version>-win64.msi.
+package: demo-build msi
 	cd $(BUILD) && cpack -G ZIP
+
+# The Windows Installer package alone (see tools/msi).
+msi: configure
+	cmake --build --preset mingw -j $(JOBS) --target msi
 
 clean:
 	rm -rf $(BUILD) build-clang build-coverage
