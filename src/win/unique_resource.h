@@ -83,9 +83,16 @@ struct LocalTextTraits {
     static void close(type text) noexcept { ::LocalFree(text); }
 };
 
+struct ModuleTraits {
+    using type = HMODULE;
+    static type invalid() noexcept { return nullptr; }
+    static void close(type module) noexcept { ::FreeLibrary(module); }
+};
+
 using unique_hkey = unique_resource<HKeyTraits>;
 using unique_file = unique_resource<FileHandleTraits>;
 using unique_bstr = unique_resource<BstrTraits>;
 using unique_local_text = unique_resource<LocalTextTraits>;
+using unique_hmodule = unique_resource<ModuleTraits>;
 
 }  // namespace zeph

@@ -1,6 +1,7 @@
 #include "event_source_check.h"
 
 #include "console.h"
+#include "event_log_dll.h"
 #include "win/unique_resource.h"
 
 #include <optional>
@@ -9,16 +10,9 @@ namespace zeph::host {
 
 namespace {
 
-constexpr wchar_t kEventLogDll[] = L"wevtapi.dll";
 constexpr wchar_t kReportsNothing[] = L": the metric will report nothing";
 // EvtNext's wait for the one event the query check asks for.
 constexpr DWORD kQueryWaitMs = 5000;
-
-template <typename Function>
-Function Lookup(HMODULE module, const char* name)
-{
-    return reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
-}
 
 // The text of a child element, read as the provider reads it; nothing when it is missing.
 std::optional<std::wstring> ChildText(IXMLDOMElement* element, const wchar_t* name)
@@ -43,25 +37,15 @@ bool Unanswered(DWORD error)
 
 }  // namespace
 
-EventSourceCheck::EventSourceCheck()
+EventSourceCheck::EventSourceCheck() : module_(LoadEventLogDll())
 {
-    if (!::GetModuleHandleExW(0, kEventLogDll, &module_)) {
-        module_ = ::LoadLibraryW(kEventLogDll);
+    if (!module_) {
+        return;  // a null module would look the names up in the executable
     }
-    if (module_ == nullptr) {
-        return;
-    }
-    openChannelConfig_ = Lookup<decltype(openChannelConfig_)>(module_, "EvtOpenChannelConfig");
-    query_ = Lookup<decltype(query_)>(module_, "EvtQuery");
-    next_ = Lookup<decltype(next_)>(module_, "EvtNext");
-    close_ = Lookup<decltype(close_)>(module_, "EvtClose");
-}
-
-EventSourceCheck::~EventSourceCheck()
-{
-    if (module_ != nullptr) {
-        ::FreeLibrary(module_);
-    }
+    openChannelConfig_ = LookupExport<decltype(openChannelConfig_)>(module_, "EvtOpenChannelConfig");
+    query_ = LookupExport<decltype(query_)>(module_, "EvtQuery");
+    next_ = LookupExport<decltype(next_)>(module_, "EvtNext");
+    close_ = LookupExport<decltype(close_)>(module_, "EvtClose");
 }
 
 void EventSourceCheck::Close(EVT_HANDLE handle) const

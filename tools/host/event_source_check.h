@@ -12,6 +12,8 @@
 
 #include "configuration.h"
 
+#include "win/unique_resource.h"
+
 #include <windows.h>
 #include <winevt.h>
 
@@ -23,7 +25,6 @@ namespace zeph::host {
 class EventSourceCheck {
 public:
     EventSourceCheck();
-    ~EventSourceCheck();
     EventSourceCheck(const EventSourceCheck&) = delete;
     EventSourceCheck& operator=(const EventSourceCheck&) = delete;
 
@@ -36,7 +37,7 @@ private:
     std::vector<std::wstring> CheckQuery(const std::wstring& channel, const std::wstring& query) const;
     void Close(EVT_HANDLE handle) const;
 
-    HMODULE module_ = nullptr;
+    unique_hmodule module_;
     decltype(&EvtOpenChannelConfig) openChannelConfig_ = nullptr;
     decltype(&EvtQuery) query_ = nullptr;
     decltype(&EvtNext) next_ = nullptr;

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "eventlog-sim/eventlog_sim.h"
+#include "win/unique_resource.h"
 
 #include <windows.h>
 
@@ -19,7 +20,6 @@ class SimulatorControls {
 public:
     // Throws HostError(ScenarioFailed) naming the DLL when it is not the simulator.
     SimulatorControls();
-    ~SimulatorControls();
     SimulatorControls(const SimulatorControls&) = delete;
     SimulatorControls& operator=(const SimulatorControls&) = delete;
 
@@ -30,7 +30,7 @@ public:
     bool WaitForDeliveries(DWORD timeoutMs) const { return waitForDeliveries_(timeoutMs) != FALSE; }
 
 private:
-    HMODULE module_ = nullptr;
+    unique_hmodule module_;
     decltype(&EvtSimAddChannel) addChannel_ = nullptr;
     decltype(&EvtSimWriteEvent) writeEvent_ = nullptr;
     decltype(&EvtSimWriteEventData) writeEventData_ = nullptr;
