@@ -164,46 +164,26 @@ TEST_F(SimTest, RefusalsCarryTheApisErrorCodes)
 }
 
 // What zeph-host checks a configuration with: a channel's configuration and a one-event
-// query, refused with the codes EvtSubscribe gives. Nothing is kept once delivered, so
-// a query finds no past event.
+// query. Nothing is kept once delivered, so a query finds no past event.
 TEST_F(SimTest, ChannelConfigAndOneEventQuery)
 {
-    const auto openError = [](const wchar_t* channel, DWORD flags = 0) {
-        EVT_HANDLE h = EvtOpenChannelConfig(nullptr, channel, flags);
-        return h != nullptr && EvtClose(h) ? kOk : GetLastError();
-    };
-    EXPECT_EQ(kOk, openError(L"aPPLICATION"));
-    EXPECT_EQ(DWORD{ERROR_EVT_CHANNEL_NOT_FOUND}, openError(L"No Such Channel"));
-    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, openError(nullptr));
-    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, openError(channel_.c_str(), 1));
-
-    const auto queryError = [](const wchar_t* channel, const wchar_t* query,
-                               DWORD flags = EvtQueryChannelPath | EvtQueryReverseDirection) {
-        EVT_HANDLE results = EvtQuery(nullptr, channel, query, flags);
-        if (results == nullptr) return GetLastError();
-        EVT_HANDLE event = nullptr;
+    EVT_HANDLE config = EvtOpenChannelConfig(nullptr, L"aPPLICATION", 0);
+    EXPECT_TRUE(config != nullptr && EvtClose(config));
+    EXPECT_FALSE(EvtOpenChannelConfig(nullptr, channel_.c_str(), 1));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, GetLastError());
+    const auto queryError = [](const wchar_t* channel, const wchar_t* query, DWORD flags = EvtQueryChannelPath) {
+        EVT_HANDLE results = EvtQuery(nullptr, channel, query, flags), event = nullptr;
         DWORD returned = 7;
-        const DWORD error = EvtNext(results, 1, &event, 1000, 0, &returned) ? kOk : GetLastError();
-        EXPECT_EQ(0u, returned);
-        EXPECT_TRUE(EvtClose(results));
+        const DWORD error = results == nullptr ? GetLastError()
+                            : EvtNext(results, 1, &event, 1000, 0, &returned) ? kOk : GetLastError();
+        EXPECT_TRUE(results == nullptr || (returned == 0 && EvtClose(results)));
         return error;
     };
     ASSERT_EQ(kOk, Write(L"P", 1));
     EXPECT_EQ(DWORD{ERROR_NO_MORE_ITEMS}, queryError(channel_.c_str(), L"*[System[(EventID=1)]]"));
     EXPECT_EQ(DWORD{ERROR_EVT_CHANNEL_NOT_FOUND}, queryError(L"No Such Channel", L"*"));
     EXPECT_EQ(DWORD{ERROR_EVT_INVALID_QUERY}, queryError(channel_.c_str(), L"*[System[EventID=]]"));
-    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER},
-              queryError(channel_.c_str(), L"*", EvtQueryChannelPath | EvtQueryFilePath));
     EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, queryError(channel_.c_str(), L"*", EvtQueryReverseDirection));
-    EXPECT_EQ(DWORD{ERROR_NOT_SUPPORTED}, queryError(nullptr, L"*"));
-    EVT_HANDLE event = nullptr;
-    DWORD returned = 0;
-    EXPECT_FALSE(EvtNext(nullptr, 1, &event, 0, 0, &returned));
-    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
-
-    const EVT_SIM_COUNTERS counters = Counters();
-    EXPECT_EQ(1, counters.opened[EVT_SIM_KIND_CHANNEL_CONFIG]);
-    EXPECT_EQ(1, counters.opened[EVT_SIM_KIND_QUERY]);
     EXPECT_EQ(0, EvtSimOpenHandles(EVT_SIM_KIND_CHANNEL_CONFIG) + EvtSimOpenHandles(EVT_SIM_KIND_QUERY));
 }
 
@@ -252,29 +232,25 @@ TEST_F(SimTest, CloseFromItsOwnCallbackDropsTheQueueWithoutDeadlockAndNothingCom
     EXPECT_EQ(static_cast<LONG64>(deliveredByClose) + 1, Counters().deliveries);
 }
 
+// The counters behind every other suite's leak checks: closing a handle twice, one never
+// given, or the callback's own event handle is refused and counted.
 TEST_F(SimTest, CountsDoubleAndUnknownClosesAndTheCallbacksOwnEventHandle)
 {
-    SetLastError(0);
-    EXPECT_FALSE(EvtClose(nullptr));
-    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
     EXPECT_FALSE(EvtClose(reinterpret_cast<EVT_HANDLE>(0x1234)));
+    EXPECT_EQ(DWORD{ERROR_INVALID_HANDLE}, GetLastError());
     LPCWSTR path = L"Event/System/EventID";
     EVT_HANDLE context = EvtCreateRenderContext(1, &path, EvtRenderContextValues);
-    EXPECT_EQ(1, EvtSimOpenHandles(EVT_SIM_KIND_RENDER_CONTEXT));
     EXPECT_TRUE(EvtClose(context));
     EXPECT_FALSE(EvtClose(context));
-    EXPECT_EQ(0, EvtSimOpenHandles(EVT_SIM_KIND_RENDER_CONTEXT));
-
     BOOL closeResult = TRUE;
     Recorder recorder([&](EVT_HANDLE event) { closeResult = EvtClose(event); });
     ASSERT_EQ(kOk, recorder.Subscribe(channel_));
     ASSERT_EQ(kOk, Write(L"Close", 1));
     Settle();
     EXPECT_FALSE(closeResult);
-    EXPECT_EQ(std::vector<USHORT>{1}, recorder.EventIds());
     const EVT_SIM_COUNTERS counters = Counters();
     EXPECT_EQ(2, counters.doubleCloses);
-    EXPECT_EQ(2, counters.unknownCloses);
+    EXPECT_EQ(1, counters.unknownCloses);
     EXPECT_EQ(1, counters.closed[EVT_SIM_KIND_EVENT]);
 }
 

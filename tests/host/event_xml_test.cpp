@@ -35,37 +35,28 @@ public:
     ~ComInit() { ::CoUninitialize(); }
 };
 
+// The replay below has evtxexport's shape and nine fraction digits; here the other shapes and parts.
 TEST(EventXml, ShapesAndParts)
 {
     const ComInit com;
-    const std::wstring one = Event(L"<EventData><Data>a</Data></EventData>");
-    // wevtutil writes no root; evtxexport a banner line; entities, CDATA and blanks are kept as written.
-    for (const std::wstring& text : {one + L"\n" + one, L"evtxexport 20181227\n\n" + one + L"\n\n" + one + L"\n",
-                                     L"<Events>" + one + L"<!-- saved -->" + one + L"</Events>"}) {
+    const std::wstring one = Event(L"<EventData><Data>&lt;a &amp; b&gt; &#x41;</Data><Data><![CDATA[<raw> & ]]>x</Data>"
+                                   L"<Data> b  </Data></EventData>");
+    // wevtutil writes no root; entities, CDATA and blanks are kept as written.
+    for (const std::wstring& text : {one + L"\n" + one, L"<Events>" + one + L"<!-- saved -->" + one + L"</Events>"}) {
         const EventFile file = ParseEventText(text);
         EXPECT_FALSE(file.fault);
-        EXPECT_EQ(file.events.size(), 2u) << testing::PrintToString(text);
+        ASSERT_EQ(file.events.size(), 2u) << testing::PrintToString(text);
+        EXPECT_EQ(file.events[1].insertions, (Strings{L"<a & b> A", L"<raw> & x", L" b  "}));
     }
-    const EventFile data = ParseEventText(Event(
-        L"<EventData><Data>&lt;a &amp; b&gt; &#x41;</Data><Data><![CDATA[<raw> & ]]>x</Data><Data/><Data> b  </Data>"
-        L"</EventData>"));
-    ASSERT_EQ(data.events.size(), 1u);
-    EXPECT_EQ(data.events[0].insertions, (Strings{L"<a & b> A", L"<raw> & x", L"", L" b  "}));
-
-    // The System parts, time to 100 ns: seven fraction digits as written, nine (evtxexport) truncated.
     const EventFile parts = ParseEventText(
         Event(L"<RenderingInfo><Message>Rendered\r\ntext </Message></RenderingInfo>",
-              System(L"Application Error", L" 1000 ", L"2023-11-14T22:13:20.123456789Z", L"Application")) +
-        Event(L"", System(L"Service Control Manager", L"65535", L"2023-11-14T22:13:20.1234567Z", L"System")));
-    ASSERT_EQ(parts.events.size(), 2u);
-    EXPECT_EQ(parts.events[0].publisher, L"Application Error");
-    EXPECT_EQ(parts.events[0].channel, L"Application");
-    EXPECT_EQ(parts.events[0].id, 1000);
+              System(L"Service Control Manager", L" 65535 ", L"2023-11-14T22:13:20.1234567Z", L"System")));
+    ASSERT_EQ(parts.events.size(), 1u);
+    EXPECT_EQ(parts.events[0].publisher, L"Service Control Manager");
+    EXPECT_EQ(parts.events[0].channel, L"System");
+    EXPECT_EQ(parts.events[0].id, 65535);
     EXPECT_EQ(parts.events[0].timeCreated, 133444736001234567ull);
     EXPECT_EQ(parts.events[0].renderedMessage, std::optional<std::wstring>(L"Rendered\r\ntext "));  // Windows line ends
-    EXPECT_EQ(parts.events[1].id, 65535);
-    EXPECT_EQ(parts.events[1].timeCreated, 133444736001234567ull);
-    EXPECT_FALSE(parts.events[1].renderedMessage);
 }
 
 TEST(EventXml, DecodesByByteOrderMark)
@@ -101,18 +92,8 @@ protected:
     }
 
     TempFolder folder_;
-    std::wstring config_ = folder_.WriteFile(L"host.xml", R"(<zeph-host>
-  <metric name="eventlog|eventlog_appcrash">
-    <channel>Application</channel>
-    <query>*[System[Provider[@Name='Application Error']]]</query>
-  </metric>
-</zeph-host>)");
-    std::wstring host_ = [] {
-        wchar_t name[MAX_COMPUTERNAME_LENGTH + 2] = {};
-        DWORD size = MAX_COMPUTERNAME_LENGTH + 2;
-        EXPECT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, name, &size));
-        return L"<br />Host Name: " + std::wstring(name);
-    }();
+    std::wstring config_ = folder_.WriteFile(L"host.xml", kCrashConfig);
+    std::wstring host_ = L"<br />Host Name: " + MachineName();
 };
 
 constexpr char kCrash64[] = R"(<Event xmlns="http://schemas.microsoft.com/win/2004/08/events/event">

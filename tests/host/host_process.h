@@ -1,8 +1,8 @@
 // zeph-host.exe (from bin/, beside the test) run as a child process with its
-// output captured, every wait bounded; and a scratch folder for its files.
+// output captured, every wait bounded.
 #pragma once
 
-#include "win/module_path.h"
+#include "scratch.h"
 
 #include <windows.h>
 #include <objbase.h>
@@ -10,8 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -35,11 +33,23 @@ struct HostRun {
     std::vector<std::wstring> ErrLines() const { return SplitLines(err); }
 };
 
-inline std::wstring BinFolder()  // with a final backslash
+// The NetBIOS name that crash details end with.
+inline std::wstring MachineName()
 {
-    const std::wstring path = ModuleFilePath(nullptr);
-    return path.substr(0, path.find_last_of(L"\\/") + 1);
+    wchar_t name[MAX_COMPUTERNAME_LENGTH + 2] = {};
+    DWORD size = MAX_COMPUTERNAME_LENGTH + 2;
+    EXPECT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, name, &size));
+    return name;
 }
+
+// A configuration with the crash metric on the Application channel.
+constexpr char kCrashConfig[] = R"(<zeph-host>
+  <metric name="eventlog|eventlog_appcrash">
+    <channel>Application</channel>
+    <query>*[System[Provider[@Name='Application Error']]]</query>
+  </metric>
+</zeph-host>
+)";
 
 namespace detail {
 
@@ -113,38 +123,5 @@ inline HostRun RunZephHost(const std::vector<std::wstring>& arguments)
     run.err = detail::TakeText(err);
     return run;
 }
-
-// A fresh folder under %TEMP% (its name holds a blank), removed with its contents.
-class TempFolder {
-public:
-    TempFolder()
-    {
-        GUID guid = {};
-        ::CoCreateGuid(&guid);
-        wchar_t text[40] = {};
-        ::StringFromGUID2(guid, text, 40);
-        path_ = (std::filesystem::temp_directory_path() / (std::wstring(L"zeph host ") + text)).wstring();
-        EXPECT_TRUE(std::filesystem::create_directory(path_));
-    }
-    ~TempFolder()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-
-    const std::wstring& Path() const { return path_; }  // no final backslash
-    // Writes a file in the folder and returns its full path.
-    std::wstring WriteFile(const std::wstring& name, const std::string& utf8Text) const
-    {
-        const std::wstring path = path_ + L"\\" + name;
-        std::ofstream(std::filesystem::path(path), std::ios::binary) << utf8Text;
-        return path;
-    }
-
-private:
-    std::wstring path_;
-};
 
 }  // namespace zeph::test

@@ -24,8 +24,12 @@ files=$(cd "$tmp/$name" && find . -type f | sed 's|^\./||' | sort | tr '\n' ' ')
 (cd "$tmp/$name" && sha256sum --quiet -c SHA256SUMS) || fail "SHA256SUMS does not match"
 [ "$(cut -d' ' -f3 "$tmp/$name/SHA256SUMS" | tr '\n' ' ')" = "Agent.tlb README.txt zeph-host.exe zeph-host.xml zeph_eventlog.dll " ] ||
     fail "SHA256SUMS lists: $(cat "$tmp/$name/SHA256SUMS")"
-file_version=$(strings -el "$tmp/$name/zeph_eventlog.dll" | grep -A1 -x FileVersion | tail -1)
+resources=$(strings -el "$tmp/$name/zeph_eventlog.dll")
+file_version=$(grep -A1 -x FileVersion <<<"$resources" | tail -1)
 [ "$file_version" = "$version" ] || fail "the DLL's FileVersion is '$file_version', expected $version"
+for text in "eventlog provider 64-bit" EventLogProvider; do  # file description, string 100
+    grep -qx "$text" <<<"$resources" || fail "the DLL holds no resource text '$text'"
+done
 grep -qx "zeph_eventlog $version (64-bit)" <(tr -d '\r' <"$tmp/$name/README.txt") || fail "README.txt names no version $version"
 
 # Beside the unpacked DLL there is no simulated event log: it loads the system's.

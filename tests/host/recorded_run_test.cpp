@@ -96,12 +96,7 @@ protected:
 </zeph-host>
 )");
     std::wstring scenario_;
-    std::wstring hostName_ = [] {
-        wchar_t name[MAX_COMPUTERNAME_LENGTH + 2] = {};
-        DWORD size = MAX_COMPUTERNAME_LENGTH + 2;
-        EXPECT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, name, &size));
-        return std::wstring(name);
-    }();
+    std::wstring hostName_ = MachineName();
     std::wstring crash1_ = CrashDetails(
         L"Faulting application name: ledger.exe, version: 1.0.0.0<br />  Exception code: 0xc0000005", L"22:13:20");
     std::wstring crash2_ = CrashDetails(L"Faulting application name: tally.exe", L"22:13:25");

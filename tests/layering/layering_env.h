@@ -3,27 +3,13 @@
 // its log files written as the service writes them (UTF-16LE, no byte-order mark).
 #pragma once
 
+#include "scratch.h"
+
 #include <windows.h>
 
 #include <string>
 
 namespace zeph::test {
-
-// HKEY_LOCAL_MACHINE redirected, process-wide, to a scratch key for the object's life.
-class RedirectedMachineKey {
-public:
-    RedirectedMachineKey();
-    ~RedirectedMachineKey();
-    RedirectedMachineKey(const RedirectedMachineKey&) = delete;
-    RedirectedMachineKey& operator=(const RedirectedMachineKey&) = delete;
-
-    void SetValue(const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD bytes);
-    void SetString(const wchar_t* subkey, const wchar_t* name, const std::wstring& text, DWORD type = REG_SZ);
-
-private:
-    std::wstring scratchPath_;
-    HKEY scratch_ = nullptr;
-};
 
 class ServiceInstall {
 public:
@@ -32,13 +18,10 @@ public:
 
     // withImagePath: registers the service's quoted executable path.
     explicit ServiceInstall(bool withImagePath = true);
-    ~ServiceInstall();
-    ServiceInstall(const ServiceInstall&) = delete;
-    ServiceInstall& operator=(const ServiceInstall&) = delete;
 
-    RedirectedMachineKey& Registry() { return registry_; }
-    const std::wstring& Folder() const { return folder_; }  // holds drovesvc.exe; no final backslash
-    std::wstring LogsFolder() const { return folder_ + L"\\Logs\\"; }
+    RedirectedKey& Registry() { return registry_; }
+    const std::wstring& Folder() const { return folder_.Path(); }  // holds drovesvc.exe; no final backslash
+    std::wstring LogsFolder() const { return folder_.Path() + L"\\Logs\\"; }
 
     void SetManager(const std::wstring& text) { registry_.SetString(kParametersKey, L"Manager1", text); }
 
@@ -56,8 +39,8 @@ private:
     }
     void WriteBytes(const wchar_t* name, const void* data, DWORD bytes, bool append);
 
-    std::wstring folder_;
-    RedirectedMachineKey registry_;
+    TempFolder folder_{L"zeph layering "};  // a blank, so the executable's path needs its quotes
+    RedirectedKey registry_{HKEY_LOCAL_MACHINE};
 };
 
 }  // namespace zeph::test

@@ -15,12 +15,6 @@ namespace {
 
 using test::RecordingLogger;
 
-struct EventTraits {
-    using type = HANDLE;
-    static type invalid() noexcept { return nullptr; }
-    static void close(type handle) noexcept { ::CloseHandle(handle); }
-};
-
 // What the system says about code, straight from FormatMessageW.
 std::wstring SystemText(HRESULT code)
 {
@@ -43,15 +37,6 @@ TEST(FormatString, FormatsWideStringsIntegersAndHexLikeTheSystemRuntime)
     EXPECT_EQ(FormatString(L""), L"");
     const std::wstring longText(100000, L'x');
     EXPECT_EQ(FormatString(L"[%s]", longText.c_str()), L"[" + longText + L"]");
-}
-
-TEST(HResultFromWin32, KeepsZeroAndNegativeAndMapsTheRest)
-{
-    EXPECT_EQ(HResultFromWin32(0), S_OK);
-    EXPECT_EQ(HResultFromWin32(ERROR_NOT_FOUND), static_cast<HRESULT>(0x80070490));
-    EXPECT_EQ(HResultFromWin32(ERROR_EVT_CHANNEL_NOT_FOUND), static_cast<HRESULT>(0x80073A9F));
-    EXPECT_EQ(HResultFromWin32(0x12345678), static_cast<HRESULT>(0x80075678));
-    EXPECT_EQ(HResultFromWin32(static_cast<long>(E_FAIL)), E_FAIL);
 }
 
 TEST(Logging, WritesOnlyEnabledLevelsWithCategoryAndExactText)
@@ -126,28 +111,6 @@ TEST(ScopedVariant, HoldsStringsWithTheirLengthAndNumbersAndReleasesWhatItHeldBe
     value.SetUInt64(1615125909000ULL);
     ASSERT_EQ(V_VT(value.get()), VT_UI8);
     EXPECT_EQ(V_UI8(value.get()), 1615125909000ULL);
-}
-
-TEST(UniqueResource, ClosesOnceAndKeepsTheLastError)
-{
-    HANDLE event = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    ASSERT_NE(event, nullptr);
-    {
-        unique_resource<EventTraits> holder(event);
-        unique_resource<EventTraits> moved(std::move(holder));
-        EXPECT_FALSE(holder);
-        EXPECT_TRUE(moved);
-        ::SetLastError(ERROR_ACCESS_DENIED);
-        moved.reset();
-        EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-        EXPECT_FALSE(moved);
-    }
-    // Closed exactly once: the handle is gone now.
-    EXPECT_FALSE(::SetEvent(event));
-
-    unique_file file;
-    EXPECT_FALSE(file);  // INVALID_HANDLE_VALUE is its empty value
-    EXPECT_EQ(file.get(), INVALID_HANDLE_VALUE);
 }
 
 }  // namespace

@@ -79,21 +79,6 @@ TEST_F(MetricTest, PropertiesAreTheTextOfTheFirstChildOfThatName)
     }
 }
 
-TEST_F(MetricTest, ChannelsAndQueriesTheEventLogRejectsStillSubscribe)
-{
-    for (const auto& [channel, query] : std::vector<std::pair<std::wstring, std::wstring>>{
-             {L"", L"*"}, {L"No Such Channel", L"*"}, {L"Application", L"*[System[Nonsense"}}) {
-        RecordingMetric metric(logger_.Get());
-        EXPECT_EQ(metric.Subscribe(MakeMetricConfig(channel, query).Get()), S_OK) << channel << L" " << query;
-        EXPECT_EQ(metric.Channel(), channel);
-        EXPECT_EQ(metric.Query(), query);
-        EXPECT_EQ(metric.SubscriptionHandle(), nullptr);
-        EXPECT_EQ(metric.Unsubscribe(), S_OK);
-    }
-    EXPECT_TRUE(logger_->Lines().empty());
-    EXPECT_EQ(Counters().closed[EVT_SIM_KIND_SUBSCRIPTION], 0);
-}
-
 TEST_F(MetricTest, SubscriptionErrorsReturnTheEventLogsCodeAsAnHResult)
 {
     EventLogSubscription subscription;

@@ -1,7 +1,5 @@
-// The class factory, a whole session and the unload rule through the DLL's exports, and
-// the module object linked into the test.
+// The class factory, a whole session and the unload rule through the DLL's exports.
 #include "config_element.h"
-#include "module/event_log_provider_module.h"
 #include "module_env.h"
 #include "provider/provider.h"
 #include "recording_logger.h"
@@ -179,12 +177,6 @@ TEST_F(ClassObjectTest, AggregatedProviderTakesTheOuterObjectsIdentityAndCount)
     EXPECT_EQ(server_.CanUnloadNow(), S_FALSE);
     outer->Release();  // takes the inner object with it
     EXPECT_EQ(server_.CanUnloadNow(), S_OK);
-}
-
-TEST(ModuleObjectTest, ProviderUsesTheLibraryIdOfTheTypeLibrary)
-{
-    EXPECT_EQ(EventLogProviderLib::kMajor, 1);
-    EXPECT_EQ(EventLogProviderLib::kMinor, 0);
 }
 
 }  // namespace

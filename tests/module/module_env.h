@@ -1,7 +1,7 @@
 // The DLL as a host loads it, and registry work kept off the machine's keys.
 #pragma once
 
-#include "win/module_path.h"
+#include "scratch.h"
 #include "win/unique_resource.h"
 
 #include <windows.h>
@@ -21,31 +21,23 @@ public:
     LoadedServer()
     {
         EXPECT_EQ(::GetModuleHandleW(kDllName), nullptr) << "an earlier test left the DLL loaded";
-        module_ = ::LoadLibraryW((BinFolder() + kDllName).c_str());
-        EXPECT_NE(module_, nullptr) << "LoadLibrary failed: " << ::GetLastError();
-        if (module_ != nullptr) {
-            path_ = ModuleFilePath(module_);
-            loaded_ = true;
-            for (const char* name :
-                 {"DllCanUnloadNow", "DllGetClassObject", "DllInstall", "DllRegisterServer", "DllUnregisterServer"}) {
-                const bool found = ::GetProcAddress(module_, name) != nullptr;
-                EXPECT_TRUE(found) << name << " is not exported";
-                loaded_ = loaded_ && found;
-            }
+        module_.reset(::LoadLibraryW((BinFolder() + kDllName).c_str()));
+        EXPECT_TRUE(module_) << "LoadLibrary failed: " << ::GetLastError();
+        for (const char* name :
+             {"DllCanUnloadNow", "DllGetClassObject", "DllInstall", "DllRegisterServer", "DllUnregisterServer"}) {
+            const bool found = module_ && ::GetProcAddress(module_.get(), name) != nullptr;
+            EXPECT_TRUE(found) << name << " is not exported";
+            loaded_ = loaded_ && found;
         }
+        path_ = module_ ? ModuleFilePath(module_.get()) : L"";
     }
     ~LoadedServer()
     {
-        if (module_ != nullptr) {
-            ::FreeLibrary(module_);
-            EXPECT_EQ(::GetModuleHandleW(kDllName), nullptr) << "something still holds the DLL";
-        }
+        module_.reset();
+        EXPECT_EQ(::GetModuleHandleW(kDllName), nullptr) << "something still holds the DLL";
     }
-    LoadedServer(const LoadedServer&) = delete;
-    LoadedServer& operator=(const LoadedServer&) = delete;
 
     bool Loaded() const { return loaded_; }
-    HMODULE Module() const { return module_; }
     const std::wstring& Path() const { return path_; }
 
     HRESULT CanUnloadNow() const { return Export<HRESULT(STDAPICALLTYPE*)()>("DllCanUnloadNow")(); }
@@ -60,23 +52,17 @@ public:
     HRESULT Register() const { return Export<HRESULT(STDAPICALLTYPE*)()>("DllRegisterServer")(); }
     HRESULT Unregister() const { return Export<HRESULT(STDAPICALLTYPE*)()>("DllUnregisterServer")(); }
 
-    static std::wstring BinFolder()  // with a trailing '\'
-    {
-        const std::wstring path = ModuleFilePath(nullptr);
-        return path.substr(0, path.find_last_of(L"\\/") + 1);
-    }
-
 private:
     static constexpr wchar_t kDllName[] = L"zeph_eventlog.dll";
 
     template <typename F>
     F Export(const char* name) const
     {
-        return reinterpret_cast<F>(reinterpret_cast<void*>(::GetProcAddress(module_, name)));
+        return reinterpret_cast<F>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), name)));
     }
 
-    HMODULE module_ = nullptr;
-    bool loaded_ = false;
+    unique_hmodule module_;
+    bool loaded_ = true;
     std::wstring path_;
 };
 
@@ -93,37 +79,15 @@ inline unique_hkey CreateKey(HKEY root, const std::wstring& path, DWORD options 
     return key;
 }
 
-// HKEY_CLASSES_ROOT and HKEY_CURRENT_USER of this process redirected to fresh
-// scratch keys below the real HKEY_CURRENT_USER; put back and deleted after.
+// HKEY_CLASSES_ROOT and HKEY_CURRENT_USER of this process redirected to scratch keys.
 class ScratchRegistry {
 public:
-    explicit ScratchRegistry(const std::wstring& name) : path_(L"Software\\ZephTest\\" + name)
-    {
-        ::RegDeleteTreeW(HKEY_CURRENT_USER, path_.c_str());  // leftovers of an aborted run
-        classesRoot_ = CreateKey(HKEY_CURRENT_USER, path_ + L"\\ClassesRoot");
-        currentUser_ = CreateKey(HKEY_CURRENT_USER, path_ + L"\\CurrentUser");
-        EXPECT_EQ(::RegOverridePredefKey(HKEY_CLASSES_ROOT, classesRoot_.get()), ERROR_SUCCESS);
-        EXPECT_EQ(::RegOverridePredefKey(HKEY_CURRENT_USER, currentUser_.get()), ERROR_SUCCESS);
-    }
-    ~ScratchRegistry()
-    {
-        ::RegOverridePredefKey(HKEY_CURRENT_USER, nullptr);
-        ::RegOverridePredefKey(HKEY_CLASSES_ROOT, nullptr);
-        classesRoot_.reset();
-        currentUser_.reset();
-        EXPECT_EQ(::RegDeleteTreeW(HKEY_CURRENT_USER, path_.c_str()), ERROR_SUCCESS);
-        ::RegDeleteKeyW(HKEY_CURRENT_USER, path_.c_str());
-    }
-    ScratchRegistry(const ScratchRegistry&) = delete;
-    ScratchRegistry& operator=(const ScratchRegistry&) = delete;
-
-    HKEY ClassesRoot() const { return classesRoot_.get(); }
-    HKEY CurrentUser() const { return currentUser_.get(); }
+    HKEY ClassesRoot() const { return classesRoot_.Get(); }
+    HKEY CurrentUser() const { return currentUser_.Get(); }
 
 private:
-    std::wstring path_;
-    unique_hkey classesRoot_;
-    unique_hkey currentUser_;
+    RedirectedKey classesRoot_{HKEY_CLASSES_ROOT};
+    RedirectedKey currentUser_{HKEY_CURRENT_USER};
 };
 
 inline void CollectTree(HKEY key, const std::wstring& prefix, std::set<std::wstring>& lines)

@@ -212,23 +212,6 @@ TEST_F(ProviderTest, SetHostInterfacesKeepsOneReferenceAndMetricsKeepTheirOwn)
     EXPECT_EQ(context2->References(), 1u);
 }
 
-TEST_F(ProviderTest, EveryInterfaceIsTheSameObjectHoldingAModuleLockAndReservedMethodsAnswerSOk)
-{
-    EXPECT_EQ(ModuleLockCount(), locksBefore_ + 1);
-    for (const IID& iid : {__uuidof(IZephDataProvider), __uuidof(IDataProviderEx), __uuidof(IDataProvider),
-                           IID_IDispatch, IID_IUnknown}) {
-        ComPtr<IUnknown> asked;
-        ASSERT_EQ(provider_->QueryInterface(iid, reinterpret_cast<void**>(asked.GetAddressOf())), S_OK);
-        EXPECT_EQ(asked.Get(), static_cast<IUnknown*>(provider_.Get()));
-    }
-    ComPtr<IClassFactory> other;
-    EXPECT_EQ(provider_.As(&other), E_NOINTERFACE);
-    for (auto reserved : {&IDataProvider::Reserved1, &IDataProvider::Reserved2, &IDataProvider::Reserved3,
-                          &IDataProvider::Reserved4, &IDataProvider::Reserved5, &IDataProvider::Reserved6}) {
-        EXPECT_EQ((provider_.Get()->*reserved)(), S_OK);
-    }
-}
-
 TEST_F(ProviderTest, ExceptionsFromMetricsAndTheFactoryBecomeHResults)
 {
     static_cast<CProvider*>(provider_.Get())
