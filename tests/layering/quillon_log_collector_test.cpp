@@ -134,29 +134,16 @@ TEST_F(CollectorTest, CollectReadsEverythingAppendedSincePrepare)
     EXPECT_EQ(Collected(), L"third\r\n");
 }
 
-TEST_F(CollectorTest, MissingLogIsReadFromTheBackupFromTheBeginSize)
-{
-    service_.WriteLog(L"earlier\r\n");
-    ASSERT_TRUE(collector_.PrepareCollectLog());
-    service_.AppendLog(L"tail\r\n");
-    service_.RotateLog();
-    TakeLines();
-    EXPECT_EQ(Collected(), L"tail\r\n");
-    EXPECT_EQ(TakeLines(), (Texts{L"CollectLog", L"Log file not exist", L"log is not availbe, read from backup log"}));
-
-    ASSERT_TRUE(::DeleteFileW((service_.LogsFolder() + L"drovesvc_bak.log").c_str()));
-    EXPECT_EQ(Collected(false), L"");
-    EXPECT_TRUE(LoggedError(L"Failed to open backup log file, error: 2"));
-}
-
 TEST_F(CollectorTest, RotatedLogIsTheBackupTailThenTheWholeNewLog)
 {
     service_.WriteLog(L"earlier line\r\n");
     ASSERT_TRUE(collector_.PrepareCollectLog());
     service_.AppendLog(L"tail\r\n");
     service_.RotateLog();
-    service_.WriteLog(L"new\r\n");
     TakeLines();
+    EXPECT_EQ(Collected(), L"tail\r\n");  // no new log yet: the backup alone
+    EXPECT_EQ(TakeLines(), (Texts{L"CollectLog", L"Log file not exist", L"log is not availbe, read from backup log"}));
+    service_.WriteLog(L"new\r\n");
     EXPECT_EQ(Collected(), L"tail\r\nnew\r\n");
     EXPECT_EQ(TakeLines(), (Texts{L"CollectLog", L"Read logs from drovesvc.log and drovesvc_bak.log"}));
 
@@ -164,6 +151,10 @@ TEST_F(CollectorTest, RotatedLogIsTheBackupTailThenTheWholeNewLog)
     service_.WriteBackup(L"x");
     EXPECT_EQ(Collected(), L"new\r\n");
     EXPECT_TRUE(LoggedError(L"Backup log file size less than the beginning size, must error occurred, abort"));
+    service_.RemoveLog();
+    ASSERT_TRUE(::DeleteFileW((service_.LogsFolder() + L"drovesvc_bak.log").c_str()));
+    EXPECT_EQ(Collected(false), L"");
+    EXPECT_TRUE(LoggedError(L"Failed to open backup log file, error: 2"));
 }
 
 TEST_F(CollectorTest, SegmentBeyondTheReadLimitIsNotCollected)

@@ -1,8 +1,6 @@
-// Registration: the table code below a scratch root, then the DLL's exports per
-// machine and per user with the classes roots redirected to scratch keys.
-#include "com/registry_table.h"
+// Registration through the DLL's exports, per machine and per user, with the
+// classes roots redirected to scratch keys.
 #include "module_env.h"
-#include "win/hresult.h"
 
 #include <gtest/gtest.h>
 
@@ -10,22 +8,6 @@ namespace zeph::test {
 namespace {
 
 using Lines = std::set<std::wstring>;
-
-const RegistryReplacements kReplacements = {{L"NAME", L"zeph"}, {L"PATH", L"C:\\bin\\zeph.dll"}};
-
-TEST(RegistryTableTest, ReplacementsExpandExactNamesAndRefuseUnknownOnes)
-{
-    EXPECT_EQ(ExpandReplacements(L"%NAME%:%PATH%, 50%% done", kReplacements), L"zeph:C:\\bin\\zeph.dll, 50% done");
-    for (const wchar_t* bad : {L"%OTHER%", L"%NAME", L"%name%"}) {
-        HRESULT code = S_OK;
-        try {
-            ExpandReplacements(bad, kReplacements);
-        } catch (const HResultError& error) {
-            code = error.Code();
-        }
-        EXPECT_EQ(code, E_INVALIDARG) << testing::PrintToString(bad);
-    }
-}
 
 constexpr wchar_t kUserClasses[] = L"Software\\Classes";
 constexpr wchar_t kTypeLibKey[] = L"TypeLib\\{BA21C1A6-3183-4E99-A464-6DF4178B7249}";

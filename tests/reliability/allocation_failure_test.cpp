@@ -7,13 +7,13 @@
 // reference and event log handle comes back, and that no block outlives it.
 #include "appcrash/app_crash_metric.h"
 #include "com/class_factory.h"
+#include "com/com_object.h"
 #include "com/type_info.h"
 #include "config_element.h"
+#include "layering_env.h"
 #include "provider/provider.h"
 #include "recording_logger.h"
 #include "recording_sink.h"
-#include "layering_env.h"
-#include "com/com_object.h"
 #include "simulated_event_log.h"
 
 #include <gtest/gtest.h>
@@ -39,12 +39,11 @@ std::atomic<DWORD> g_thread{0};
 std::atomic<long> g_counted{0};
 std::atomic<long> g_failAt{0};
 std::atomic<long> g_live{0};    // blocks not yet freed, on every thread
-thread_local int t_inHost = 0;  // inside a host double: its bookkeeping is not the provider's
 
 bool FailsHere() noexcept
 {
     const Target target = g_target.load();
-    return target != Target::None && t_inHost == 0 &&
+    return target != Target::None && zeph::test::t_inHostDouble == 0 &&
            (::GetCurrentThreadId() == g_thread.load()) == (target == Target::ThisThread) && ++g_counted == g_failAt;
 }
 
@@ -152,37 +151,6 @@ HRESULT Armed(Target target, Run run)
     return result;
 }
 
-// Host doubles that record outside the hook: their bookkeeping is not the provider's.
-struct InHost {
-    InHost() { ++t_inHost; }
-    ~InHost() { --t_inHost; }
-};
-
-class Logger final : public TestDispatchObject<IProviderLogger> {
-public:
-    const ComPtr<RecordingLogger> lines = Adopt(new RecordingLogger(0x7));
-    STDMETHODIMP HostReserved1() override { return E_NOTIMPL; }
-    STDMETHODIMP GetCategoryLevels(LPCWSTR category, ULONG* levels) override
-    {
-        return InHost(), lines->GetCategoryLevels(category, levels);
-    }
-    STDMETHODIMP LogError(BSTR category, BSTR text) override { return InHost(), lines->LogError(category, text); }
-    STDMETHODIMP LogWarning(BSTR category, BSTR text) override { return InHost(), lines->LogWarning(category, text); }
-    STDMETHODIMP LogInfo(BSTR category, BSTR text) override { return InHost(), lines->LogInfo(category, text); }
-};
-
-class Sink final : public TestDispatchObject<IMetricValueSink> {
-public:
-    const ComPtr<RecordingSink> writes = Adopt(new RecordingSink());
-    STDMETHODIMP HostReserved1() override { return E_NOTIMPL; }
-    STDMETHODIMP HostReserved2() override { return E_NOTIMPL; }
-    STDMETHODIMP HostReserved3() override { return E_NOTIMPL; }
-    STDMETHODIMP WriteMetricValue(BSTR key, BSTR name, VARIANT* value) override
-    {
-        return InHost(), writes->WriteMetricValue(key, name, value);
-    }
-};
-
 constexpr wchar_t kCrashes[] = L"ZephAllocCrashes";
 constexpr wchar_t kFresh[] = L"ZephAllocFresh";  // a second crash metric's channel
 constexpr wchar_t kLayering[] = L"ZephAllocLayering";
@@ -245,10 +213,10 @@ struct Session {
     HRESULT Query(BSTR name) { return provider->QueryMetric(name, 0, sink.Get()); }
     size_t Reported(const std::wstring& detail) const
     {
-        const auto writes = sink->writes->Accepted();
+        const auto writes = sink->Accepted();
         return std::count_if(writes.begin(), writes.end(), [&](const SinkWrite& w) { return w.text == detail; });
     }
-    bool Logged(const std::wstring& text) const { return logger->lines->Has(LogLevel::Info, text); }
+    bool Logged(const std::wstring& text) const { return logger->Has(LogLevel::Info, text); }
 
     // A log-on (the step at armedStep delivered armed); the service log gets
     // the manager's answer once the log-on is in.
@@ -266,10 +234,10 @@ struct Session {
     // The layering metric reports one of the outcomes.
     void ExpectLayering(const std::vector<Values>& outcomes)
     {
-        sink->writes->Clear();
+        sink->Clear();
         EXPECT_EQ(Query(layering.get()), S_OK);
         Values values;
-        for (const SinkWrite& write : sink->writes->Accepted()) {
+        for (const SinkWrite& write : sink->Accepted()) {
             values.push_back(write.key + L" " + write.name + L" " +
                              (write.type == VT_UI8 ? std::to_wstring(write.number) : write.text));
         }
@@ -305,9 +273,9 @@ struct Session {
     ServiceInstall& service;
     const Configs& config;
     const EVT_SIM_COUNTERS start = Counters();
-    const ComPtr<Logger> logger = Adopt(new Logger());
+    const ComPtr<RecordingLogger> logger = Adopt(new RecordingLogger(0x7));
     const ComPtr<CountingHostContext> context = Adopt(new CountingHostContext());
-    const ComPtr<Sink> sink = Adopt(new Sink());
+    const ComPtr<RecordingSink> sink = Adopt(new RecordingSink());
     ComPtr<IZephDataProvider> provider = [] {
         ComPtr<IZephDataProvider> created;
         EXPECT_EQ(ComObject<CProvider>::Create(IID_PPV_ARGS(&created)), S_OK);
@@ -426,7 +394,7 @@ std::vector<EntryPoint> EntryPoints()
              EXPECT_EQ(s.Query(s.other.get()), S_OK);
              EXPECT_LE(s.Reported(Detail(L"under test")), 1u);
              EXPECT_EQ(s.Reported(Detail(L"later")), 1u);
-             EXPECT_EQ(s.sink->writes->Accepted().size(), s.Reported(Detail(L"under test")) + 2) << "flag and details";
+             EXPECT_EQ(s.sink->Accepted().size(), s.Reported(Detail(L"under test")) + 2) << "flag and details";
          }},
         {"event: log-on", SubscribeLayering, ArmedStep(0, false), StepOutcomes(CycleValues({}, 0), CycleValues({}, 0))},
         {"event: manager response with Tesseras", SubscribeLayering, ArmedStep(1, true),

@@ -53,6 +53,7 @@ public:
     STDMETHODIMP HostReserved1() override { return E_NOTIMPL; }
     STDMETHODIMP GetCategoryLevels(LPCWSTR category, ULONG* levels) override
     {
+        const HostDoubleScope scope;
         ++levelQueries_;
         EXPECT_STREQ(category, L"eventlog");
         EXPECT_EQ(*levels, 0u) << "the caller clears the flags before asking";
@@ -66,6 +67,7 @@ public:
 private:
     HRESULT Record(LogLevel level, BSTR category, BSTR text)
     {
+        const HostDoubleScope scope;
         EXPECT_STREQ(category, L"eventlog");
         EXPECT_NE((levels_ & static_cast<ULONG>(level)), 0u) << "a line was written for a level that is off";
         std::lock_guard lock(mutex_);

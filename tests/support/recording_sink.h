@@ -61,6 +61,7 @@ public:
     STDMETHODIMP HostReserved3() override { return E_NOTIMPL; }
     STDMETHODIMP WriteMetricValue(BSTR key, BSTR name, VARIANT* value) override
     {
+        const HostDoubleScope scope;
         SinkWrite write;
         write.key.assign(key, ::SysStringLen(key));
         write.name.assign(name, ::SysStringLen(name));

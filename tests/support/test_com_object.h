@@ -17,6 +17,14 @@ using TestDispatchObject = NoLateBinding<RefCountedObject<Interface, IDispatch>>
 
 using zeph::Adopt;
 
+// Nonzero while a host double does its own bookkeeping on this thread: an
+// allocation-failure test leaves that out, as it is not the provider's.
+inline thread_local int t_inHostDouble = 0;
+struct HostDoubleScope {
+    HostDoubleScope() { ++t_inHostDouble; }
+    ~HostDoubleScope() { --t_inHostDouble; }
+};
+
 // A host context: no methods, only its reference count matters.
 class CountingHostContext final : public TestComObject<IProviderHostContext> {};
 

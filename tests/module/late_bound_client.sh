@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# The DLL as an installer and a script client meet it, in the build's Wine prefix:
+# the host's Agent.tlb is registered first (as the host's installer does), regsvr32
+# registers the DLL machine-wide, a JScript client drives the provider through
+# IDispatch (per-user installs and unregistering: module_test).
+# Usage: late_bound_client.sh <build folder>
+set -uo pipefail
+
+build=$(cd "$1" && pwd)
+here=$(cd "$(dirname "$0")" && pwd)
+script="Z:${here//\//\\}\\late_bound_client.js"
+failures=0
+
+run() { timeout 120 "$build/wine-run" "$@"; }  # a stuck process fails the step instead of hanging
+step() {
+    local what=$1
+    shift
+    if "$@"; then echo "ok: $what"; else echo "FAILED ($?): $what"; failures=$((failures + 1)); fi
+}
+cleanup() {
+    run regsvr32 /s /u zeph_eventlog.dll >/dev/null 2>&1
+    run zeph-host.exe --unregister-tlb Agent.tlb >/dev/null 2>&1
+}
+
+cd "$build/bin" || exit 1
+cleanup
+trap cleanup EXIT
+
+step "register Agent.tlb" run zeph-host.exe --register-tlb Agent.tlb
+step "regsvr32" run regsvr32 /s zeph_eventlog.dll
+step "script client" run cscript //nologo "$script"
+
+echo "$failures step(s) failed"
+[ "$failures" -eq 0 ]
