@@ -56,22 +56,6 @@ TEST_F(CollectorTest, PrepareFindsTheLogsFolderBesideTheQuotedImagePathAndTakesT
         (void)collector_.PrepareCollectLog();  // the folder does not exist; only its name matters here
         EXPECT_EQ(collector_.LogDirectory(), folder) << imagePath;
     }
-    // Read as text whatever the value's type, never expanded, at most 2046 bytes of it.
-    const std::wstring longPath(1023, L'x');
-    const struct {
-        DWORD type;
-        std::wstring data;
-        DWORD bytes;
-        std::wstring folder;
-    } values[] = {{REG_DWORD, L"BA", 4, L"BA\\Logs\\"},
-                  {REG_EXPAND_SZ, L"%ProgramFiles%\\A\\drovesvc.exe", 0, L"%ProgramFiles%\\A\\Logs\\"},
-                  {REG_SZ, longPath + L"!", 2046, longPath + L"\\Logs\\"}};  // no terminator stored
-    for (const auto& value : values) {
-        service_.Registry().SetValue(ServiceInstall::kServiceKey, L"ImagePath", value.type, value.data.c_str(),
-                                     value.bytes ? value.bytes : static_cast<DWORD>(value.data.size() * 2 + 2));
-        (void)collector_.PrepareCollectLog();  // the folder is what this checks
-        EXPECT_EQ(collector_.LogDirectory(), value.folder) << value.type;
-    }
 }
 
 TEST_F(CollectorTest, LogThatExistsButCannotBeOpenedFailsWithoutTheBackup)

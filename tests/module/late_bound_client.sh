@@ -2,7 +2,8 @@
 # The DLL as an installer and a script client meet it, in the build's Wine prefix:
 # the host's Agent.tlb is registered first (as the host's installer does), regsvr32
 # registers the DLL machine-wide, a JScript client drives the provider through
-# IDispatch (per-user installs and unregistering: module_test).
+# IDispatch, with the provider's type library registered and without it (per-user
+# installs and unregistering: module_test).
 # Usage: late_bound_client.sh <build folder>
 set -uo pipefail
 
@@ -29,6 +30,8 @@ trap cleanup EXIT
 step "register Agent.tlb" run zeph-host.exe --register-tlb Agent.tlb
 step "regsvr32" run regsvr32 /s zeph_eventlog.dll
 step "script client" run cscript //nologo "$script"
+step "type library unregistered" run reg delete 'HKCR\TypeLib\{BA21C1A6-3183-4E99-A464-6DF4178B7249}' /f
+step "script client, type information from the DLL" run cscript //nologo "$script" no-typelib
 
 echo "$failures step(s) failed"
 [ "$failures" -eq 0 ]
