@@ -149,9 +149,7 @@ EVT_HANDLE WINAPI EvtOpenPublisherMetadata(EVT_HANDLE Session, LPCWSTR Publisher
 
 BOOL WINAPI EvtFormatMessage(EVT_HANDLE PublisherMetadata, EVT_HANDLE Event, DWORD MessageId, DWORD ValueCount,
                              PEVT_VARIANT Values, DWORD Flags, DWORD BufferSize, LPWSTR Buffer, PDWORD BufferUsed) {
-    (void)MessageId;   // only read by EvtFormatMessageId
-    (void)ValueCount;  // overriding the event's own insertion strings is not offered
-    (void)Values;
+    (void)MessageId;  // only read by EvtFormatMessageId
     return Api<BOOL>(FALSE, [&] {
         if (Flags != EvtFormatMessageEvent) return Refused(ERROR_NOT_SUPPORTED);
         std::shared_ptr<evtsim::PublisherMetadata> metadata;
@@ -161,7 +159,8 @@ BOOL WINAPI EvtFormatMessage(EVT_HANDLE PublisherMetadata, EVT_HANDLE Event, DWO
         }
         auto event = Handles().Find<const EventRecord>(Event, EVT_SIM_KIND_EVENT);
         if (!event) return Refused(ERROR_INVALID_HANDLE);
-        if (BufferUsed == nullptr) return Refused(ERROR_INVALID_PARAMETER);
+        if (BufferUsed == nullptr || (ValueCount != 0 && Values == nullptr)) return Refused(ERROR_INVALID_PARAMETER);
+        if (ValueCount != 0) return Refused(ERROR_NOT_SUPPORTED);  // no overriding the event's insertion strings
         const DWORD error = FormatEventMessage(metadata.get(), *event, BufferSize, Buffer, BufferUsed);
         return Outcome<BOOL>{error == ERROR_SUCCESS, error};
     });
