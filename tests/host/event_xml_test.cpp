@@ -24,16 +24,9 @@ std::wstring Event(const std::wstring& body)
            L"</Event>";
 }
 
-class ComInit {
-public:
-    ComInit() { ::CoInitializeEx(nullptr, COINIT_MULTITHREADED); }
-    ~ComInit() { ::CoUninitialize(); }
-};
-
 // The replay below has evtxexport's shape and the event's parts; here the other shapes.
 TEST(EventXml, ShapesAndInsertionStrings)
 {
-    const ComInit com;
     const std::wstring one = Event(L"<EventData><Data>&lt;a &amp; b&gt; &#x41;</Data><Data><![CDATA[<raw> & ]]>x</Data>"
                                    L"<Data> b  </Data></EventData>");
     // wevtutil writes no root; entities, CDATA and blanks are kept as written.

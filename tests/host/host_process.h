@@ -2,6 +2,7 @@
 // output captured, every wait bounded.
 #pragma once
 
+#include "machine_name.h"
 #include "scratch.h"
 
 #include <windows.h>
@@ -10,6 +11,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -33,15 +37,6 @@ struct HostRun {
     std::vector<std::wstring> ErrLines() const { return SplitLines(err); }
 };
 
-// The NetBIOS name that crash details end with.
-inline std::wstring MachineName()
-{
-    wchar_t name[MAX_COMPUTERNAME_LENGTH + 2] = {};
-    DWORD size = MAX_COMPUTERNAME_LENGTH + 2;
-    EXPECT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, name, &size));
-    return name;
-}
-
 // A configuration with the crash metric on the Application channel.
 constexpr char kCrashConfig[] = R"(<zeph-host>
   <metric name="eventlog|eventlog_appcrash">
@@ -51,67 +46,51 @@ constexpr char kCrashConfig[] = R"(<zeph-host>
 </zeph-host>
 )";
 
-namespace detail {
-
-constexpr DWORD kHostRunTimeoutMs = 120000;
-
-// A file, not a pipe, takes the child's output: Wine may start system processes
-// from the child that keep its standard handles, so a pipe would never end.
-inline HANDLE CaptureFile()
+// Everything in a file, read as UTF-8.
+inline std::wstring ReadUtf8File(const std::wstring& path)
 {
-    wchar_t folder[MAX_PATH] = {}, path[MAX_PATH] = {};
-    ::GetTempPathW(MAX_PATH, folder);
-    EXPECT_NE(::GetTempFileNameW(folder, L"zho", 0, path), 0u);
-    SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
-    const HANDLE file =
-        ::CreateFileW(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inherit,
-                      CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
-    EXPECT_NE(file, INVALID_HANDLE_VALUE);
-    return file;
-}
-
-// Everything written to a capture file, as UTF-8; closes it.
-inline std::wstring TakeText(HANDLE file)
-{
-    std::string bytes;
-    ::SetFilePointerEx(file, LARGE_INTEGER{}, nullptr, FILE_BEGIN);
-    char buffer[4096];
-    DWORD read = 0;
-    while (::ReadFile(file, buffer, sizeof(buffer), &read, nullptr) && read > 0) {
-        bytes.append(buffer, read);
-    }
-    ::CloseHandle(file);
+    std::ifstream file(std::filesystem::path(path), std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     std::wstring text(bytes.size(), L'\0');
     text.resize(::MultiByteToWideChar(CP_UTF8, 0, bytes.data(), static_cast<int>(bytes.size()), text.data(),
                                       static_cast<int>(text.size())));
     return text;
 }
 
-}  // namespace detail
-
-// Runs zeph-host.exe with the arguments; a run that takes more than two
-// minutes fails the test and is ended.
+// Runs zeph-host.exe with the arguments; a run that takes more than two minutes
+// fails the test and is ended. Files, not pipes, take its output: Wine may start
+// system processes from the child that keep its standard handles, so a pipe would
+// never end.
 inline HostRun RunZephHost(const std::vector<std::wstring>& arguments)
 {
+    constexpr DWORD kTimeoutMs = 120000;
     // Every argument quoted: paths hold blanks, and none holds a quote or ends in a backslash.
     std::wstring commandLine = L"\"" + BinFolder() + L"zeph-host.exe\"";
     for (const std::wstring& argument : arguments) {
         commandLine += L" \"" + argument + L"\"";
     }
-    const HANDLE out = detail::CaptureFile(), err = detail::CaptureFile();
+    const TempFolder folder;
+    const std::wstring outPath = folder.Path() + L"\\out.txt", errPath = folder.Path() + L"\\err.txt";
+    SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
+    const auto capture = [&](const std::wstring& path) {
+        return unique_file(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                                         CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    };
+    unique_file out = capture(outPath), err = capture(errPath);
+    EXPECT_TRUE(out && err);
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = out;
-    startup.hStdError = err;
+    startup.hStdOutput = out.get();
+    startup.hStdError = err.get();
     PROCESS_INFORMATION process = {};
     HostRun run;
     if (::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
-        if (::WaitForSingleObject(process.hProcess, detail::kHostRunTimeoutMs) != WAIT_OBJECT_0) {
+        if (::WaitForSingleObject(process.hProcess, kTimeoutMs) != WAIT_OBJECT_0) {
             ADD_FAILURE() << "zeph-host did not finish in time";
             ::TerminateProcess(process.hProcess, 255);
-            ::WaitForSingleObject(process.hProcess, detail::kHostRunTimeoutMs);
+            ::WaitForSingleObject(process.hProcess, kTimeoutMs);
         }
         ::GetExitCodeProcess(process.hProcess, &run.exitCode);
         ::CloseHandle(process.hThread);
@@ -119,8 +98,10 @@ inline HostRun RunZephHost(const std::vector<std::wstring>& arguments)
     } else {
         ADD_FAILURE() << "CreateProcess failed: " << ::GetLastError();
     }
-    run.out = detail::TakeText(out);
-    run.err = detail::TakeText(err);
+    out.reset();
+    err.reset();
+    run.out = ReadUtf8File(outPath);
+    run.err = ReadUtf8File(errPath);
     return run;
 }
 

@@ -120,6 +120,14 @@ TEST_F(CollectorTest, CollectReadsEverythingAppendedSincePrepare)
 
 TEST_F(CollectorTest, RotatedLogIsTheBackupTailThenTheWholeNewLog)
 {
+    const std::wstring notOurs = L"Backup log file size less than the beginning size, must error occurred, abort";
+    service_.WriteLog(L"earlier line\r\n");
+    ASSERT_TRUE(collector_.PrepareCollectLog());
+    service_.RotateLog();  // nothing written since prepare: the backup ends where reading begins
+    service_.WriteLog(L"new\r\n");
+    EXPECT_EQ(Collected(), L"new\r\n");
+    EXPECT_FALSE(LoggedError(notOurs));
+
     service_.WriteLog(L"earlier line\r\n");
     ASSERT_TRUE(collector_.PrepareCollectLog());
     service_.AppendLog(L"tail\r\n");
@@ -134,7 +142,7 @@ TEST_F(CollectorTest, RotatedLogIsTheBackupTailThenTheWholeNewLog)
     // A backup shorter than the log was at prepare is not ours: the new log alone, and success.
     service_.WriteBackup(L"x");
     EXPECT_EQ(Collected(), L"new\r\n");
-    EXPECT_TRUE(LoggedError(L"Backup log file size less than the beginning size, must error occurred, abort"));
+    EXPECT_TRUE(LoggedError(notOurs));
     service_.RemoveLog();
     ASSERT_TRUE(::DeleteFileW((service_.LogsFolder() + L"drovesvc_bak.log").c_str()));
     EXPECT_EQ(Collected(false), L"");

@@ -1,8 +1,6 @@
-// The vectorised searches that the crash texts and the service log use must
-// answer exactly as std::wstring_view::find does, wherever the match falls
-// relative to the eight-unit chunks (first lane, last lane, the tail after
-// the last whole chunk) and for every start position, including the end.
-// FindText looks for its first unit with FindCodeUnit, so both are checked.
+// The vectorised searches (FindText, and FindCodeUnit under it) must answer as
+// std::wstring_view::find does, wherever a match falls relative to the eight-unit
+// chunks and from every start position, the end included.
 #include "win/code_unit_search.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
+// CMetric's configuration and subscription on the simulated event log. Rendering and
+// formatting events are checked through the metrics that read them.
 #include "config_element.h"
-#include "metric/event_log_handle.h"
-#include "metric/event_log_reader.h"
 #include "metric/metric.h"
 #include "recording_logger.h"
 #include "simulated_event_log.h"
@@ -108,49 +108,6 @@ TEST_F(MetricTest, OnlyEventsReachParseEventLogAndOnlyUntilUnsubscribed)
     WaitForDeliveries();
     EXPECT_EQ(metric.parsed, 1);
     EXPECT_EQ(Counters().closed[EVT_SIM_KIND_SUBSCRIPTION], 1);
-}
-
-// The reader functions, called from inside a real delivery.
-TEST_F(MetricTest, ReadersRenderValuesAndFormatWholeMessagesOrReportWhyNot)
-{
-    static constexpr const wchar_t* kPaths[] = {L"Event/System/EventID", L"Event/System/TimeCreated/@SystemTime",
-                                                L"Event/System/Unknown"};
-    const std::wstring longMessage(70000, L'x');
-    for (const auto& row : {std::pair{longMessage, 0u}, std::pair{std::wstring(), 0u},
-                            std::pair{std::wstring(L"unformattable"), EVT_SIM_UNFORMATTABLE}}) {
-        const std::wstring& message = row.first;  // not a structured binding: lambdas capture it
-        const auto flags = row.second;
-        EventLogSubscription subscription;
-        std::atomic<int> calls{0};
-        ASSERT_EQ(subscription.Subscribe(kTestChannel, L"*", [&](EVT_HANDLE event, int action) {
-            ASSERT_EQ(action, EvtSubscribeActionDeliver);
-            EVT_HANDLE context = nullptr;
-            int rendered = 0;
-            for (int pass = 0; pass < 2; ++pass) {  // the second pass reuses the context made by the first
-                EXPECT_EQ(RenderEventValues(context, event, kPaths, 3, [&](PEVT_VARIANT& values) {
-                    ++rendered;
-                    EXPECT_EQ(values[0].Type, static_cast<DWORD>(EvtVarTypeUInt16));
-                    EXPECT_EQ(values[0].UInt16Val, 4242);
-                    EXPECT_EQ(values[1].Type, static_cast<DWORD>(EvtVarTypeFileTime));
-                    EXPECT_EQ(values[1].FileTimeVal, 0x01D7135C2A3B4C5DULL);
-                    EXPECT_EQ(values[2].Type, static_cast<DWORD>(EvtVarTypeNull));
-                }), static_cast<DWORD>(ERROR_SUCCESS));
-            }
-            EXPECT_EQ(rendered, 2);
-            ::EvtClose(context);
-
-            unique_evt_handle publisher(::EvtOpenPublisherMetadata(nullptr, kPublisher, nullptr, 0, 0));
-            std::wstring formatted = L"untouched";
-            EXPECT_EQ(FormatEventMessage(publisher.get(), event, [&](const wchar_t* text) { formatted = text; }),
-                      static_cast<DWORD>(flags != 0 ? ERROR_EVT_MESSAGE_NOT_FOUND : ERROR_SUCCESS));
-            EXPECT_EQ(formatted, flags != 0 ? L"untouched" : message);
-            ++calls;
-        }), S_OK);
-        WriteEvent(kTestChannel, kPublisher, 4242, 0x01D7135C2A3B4C5DULL, message, flags);
-        WaitForDeliveries();
-        EXPECT_EQ(calls, 1);
-    }
-    EXPECT_EQ(Counters().opened[EVT_SIM_KIND_RENDER_CONTEXT], 3);
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
 #!/usr/bin/env bash
-# The DLL as an installer and a script client meet it, in the build's Wine prefix:
-# the host's Agent.tlb is registered first (as the host's installer does), regsvr32
-# registers the DLL machine-wide, a JScript client drives the provider through
-# IDispatch, with the provider's type library registered and without it (per-user
-# installs and unregistering: module_test).
+# In the build's Wine prefix, after the host's Agent.tlb (as its installer does) and
+# regsvr32: a JScript client drives the provider through IDispatch, with the
+# provider's type library registered and without it.
 # Usage: late_bound_client.sh <build folder>
 set -uo pipefail
 

@@ -94,28 +94,18 @@ inline void CollectTree(HKEY key, const std::wstring& prefix, std::set<std::wstr
 {
     std::vector<wchar_t> name(16384);
     std::vector<BYTE> data(65536);
-    for (DWORD i = 0;; ++i) {
-        DWORD nameLength = static_cast<DWORD>(name.size()), dataLength = static_cast<DWORD>(data.size()), type = 0;
-        if (::RegEnumValueW(key, i, name.data(), &nameLength, nullptr, &type, data.data(), &dataLength) !=
-            ERROR_SUCCESS) {
-            break;
-        }
-        std::wstring line = prefix + L" [" + (nameLength == 0 ? L"@" : std::wstring(name.data(), nameLength)) + L"]";
-        if (type == REG_SZ) {
-            const std::wstring text(reinterpret_cast<const wchar_t*>(data.data()), dataLength / sizeof(wchar_t));
-            line += L" = " + text.substr(0, text.find(L'\0'));
-        } else {
-            line += L" <type " + std::to_wstring(type) + L">";
-        }
-        lines.insert(line);
+    DWORD nameLength = 0, dataLength = 0, type = 0;
+    const auto resetLengths = [&] { nameLength = 16384, dataLength = 65536; };
+    for (DWORD i = 0; resetLengths(), ::RegEnumValueW(key, i, name.data(), &nameLength, nullptr, &type, data.data(),
+                                                      &dataLength) == ERROR_SUCCESS; ++i) {
+        const std::wstring text(reinterpret_cast<const wchar_t*>(data.data()), dataLength / sizeof(wchar_t));
+        const std::wstring shown = type == REG_SZ ? L" = " + text.substr(0, text.find(L'\0'))
+                                                  : L" <type " + std::to_wstring(type) + L">";
+        lines.insert(prefix + L" [" + (nameLength == 0 ? L"@" : std::wstring(name.data(), nameLength)) + L"]" + shown);
     }
-    for (DWORD i = 0;; ++i) {
-        DWORD nameLength = static_cast<DWORD>(name.size());
-        if (::RegEnumKeyExW(key, i, name.data(), &nameLength, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
-            break;
-        }
-        const std::wstring child(name.data(), nameLength);
-        const std::wstring childPath = prefix.empty() ? child : prefix + L"\\" + child;
+    for (DWORD i = 0; resetLengths(), ::RegEnumKeyExW(key, i, name.data(), &nameLength, nullptr, nullptr, nullptr,
+                                                      nullptr) == ERROR_SUCCESS; ++i) {
+        const std::wstring child(name.data(), nameLength), childPath = prefix.empty() ? child : prefix + L"\\" + child;
         lines.insert(childPath);
         unique_hkey sub;
         if (::RegOpenKeyExW(key, child.c_str(), 0, KEY_READ, sub.put()) == ERROR_SUCCESS) {

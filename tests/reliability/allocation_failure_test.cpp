@@ -11,6 +11,7 @@
 #include "com/type_info.h"
 #include "config_element.h"
 #include "layering_env.h"
+#include "machine_name.h"
 #include "provider/provider.h"
 #include "recording_logger.h"
 #include "recording_sink.h"
@@ -132,13 +133,9 @@ ULONG ReferencesOf(IUnknown* object)
     return object->Release();
 }
 
-// The NetBIOS name, read before HKEY_LOCAL_MACHINE is redirected; the
-// redirected key gets a copy so crash details keep their host part.
-const std::wstring kMachineName = [] {
-    wchar_t name[MAX_COMPUTERNAME_LENGTH + 1] = {};
-    DWORD size = MAX_COMPUTERNAME_LENGTH + 1;
-    return ::GetComputerNameExW(ComputerNameNetBIOS, name, &size) ? std::wstring(name) : std::wstring();
-}();
+// Read before HKEY_LOCAL_MACHINE is redirected; the redirected key gets a copy
+// so crash details keep their host part.
+const std::wstring kMachineName = MachineName();
 
 template <typename Run>
 HRESULT Armed(Target target, Run run)

@@ -61,10 +61,8 @@ private:
     std::wstring path_;
 };
 
-// A predefined key (HKEY_LOCAL_MACHINE, HKEY_CLASSES_ROOT, ...) redirected,
-// process-wide, to a fresh key below the real HKEY_CURRENT_USER; put back and
-// deleted afterwards. When HKEY_CURRENT_USER itself is redirected, it must be
-// the last redirection made, so that it is the first one undone.
+// A predefined key redirected, process-wide, to a fresh key below the real
+// HKEY_CURRENT_USER, put back and deleted afterwards; HKEY_CURRENT_USER itself last.
 class RedirectedKey {
 public:
     explicit RedirectedKey(HKEY predefined) : predefined_(predefined), path_(L"Software\\ZephTest\\" + NewGuidText())
