@@ -114,6 +114,12 @@ TEST_F(ClassObjectTest, ASessionGivesBackEveryHostReferenceAndLetsTheDllGo)
         ComPtr<IZephDataProvider> provider;
         ASSERT_EQ(Factory()->CreateInstance(nullptr, IID_PPV_ARGS(&provider)), S_OK);
         ASSERT_EQ(provider->SetHostInterfaces(logger.Get(), context.Get()), S_OK);
+        UINT count = 0;  // IDispatch's description of the provider, from the DLL's type library
+        ComPtr<ITypeInfo> info;
+        ITypeInfo* none = nullptr;
+        EXPECT_TRUE(SUCCEEDED(provider->GetTypeInfoCount(&count)) && count == 1);
+        EXPECT_EQ(provider->GetTypeInfo(0, LOCALE_USER_DEFAULT, &info), S_OK);
+        EXPECT_EQ(provider->GetTypeInfo(1, LOCALE_USER_DEFAULT, &none), DISP_E_BADINDEX);
         ASSERT_EQ(provider->SubscribeMetric(crash.get(), config.Get()), S_OK);
         ASSERT_EQ(provider->SubscribeMetric(layering.get(), config.Get()), S_OK);
         WriteEvent(L"Application", L"Application Error", 1000, 0, L"session crash");
