@@ -240,6 +240,8 @@ TEST(MountLinesTest, OnlyCompleteLinesFromTheStartPositionOnAreTaken)
         {L"x MOUNTED-READ;p1;i1\r\nMOUNTED-READ;p2;i2\r\n", 3, {{L"i2", L"p2"}}},
         {L"MOUNTED-READ;;\r\n", 0, {{L"", L""}}},
         {L"MOUNTED-READ;p1;i1", 0, {}},
+        {L"MOUNTED-READ;no separator\r\n", 0, {}},
+        {L"MOUNTED-READ;", 0, {}},
         {L"MOUNTED-READ:p1;i1\r\n", 0, {}},
     };
     for (const auto& c : cases) {
