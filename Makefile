@@ -15,7 +15,8 @@ NEEDED    := /usr/bin/x86_64-w64-mingw32-g++-posix /usr/bin/x86_64-w64-mingw32-w
              /usr/include/wine/wine/windows/oaidl.idl /usr/bin/wine /usr/bin/cmake \
              /usr/src/googletest/CMakeLists.txt /usr/bin/clang++ /usr/bin/ld.lld /usr/bin/wixl /usr/bin/msiinfo
 
-.PHONY: all deps configure build build-clang demo-build prefix test demo replay bench package msi coverage clean
+.PHONY: all deps configure build build-clang demo-build prefix test demo replay bench package msi coverage clean \
+        format format-deps format-check
 
 all: build
 
@@ -110,6 +111,23 @@ package: demo-build msi
 # The Windows Installer package alone (see tools/msi).
 msi: configure
 	cmake --build --preset mingw -j $(JOBS) --target msi
+
+# One format for the tree, stated in .clang-format: `make format` applies it,
+# `make format-check` (run by CI) names every C++ file that differs from it.
+FORMAT_FILES = $(shell git ls-files '*.cpp' '*.h')
+
+format-deps:
+	@command -v clang-format >/dev/null 2>&1 || { \
+	  echo "== installing clang-format"; SUDO=""; [ "$$(id -u)" = 0 ] || SUDO=sudo; \
+	  $$SUDO apt-get update -q && \
+	  DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -q --no-install-recommends clang-format; }
+
+format: format-deps
+	clang-format -i $(FORMAT_FILES)
+
+format-check: format-deps
+	@clang-format --dry-run --Werror $(FORMAT_FILES) || \
+	  { echo "format-check: the files above differ from .clang-format; run 'make format'" >&2; exit 1; }
 
 clean:
 	rm -rf $(BUILD) build-clang build-coverage
