@@ -63,8 +63,8 @@ void BareSubscriber::Read(EVT_HANDLE event)
     if (!::EvtFormatMessage(publisher, event, 0, 0, nullptr, EvtFormatMessageEvent, 0, nullptr, &used) &&
         ::GetLastError() == ERROR_INSUFFICIENT_BUFFER) {
         std::unique_ptr<wchar_t[]> buffer(new (std::nothrow) wchar_t[used]);
-        if (buffer && ::EvtFormatMessage(publisher, event, 0, 0, nullptr, EvtFormatMessageEvent, used,
-                                         buffer.get(), &used)) {
+        if (buffer &&
+            ::EvtFormatMessage(publisher, event, 0, 0, nullptr, EvtFormatMessageEvent, used, buffer.get(), &used)) {
             ++messages_;
         }
     }

@@ -120,8 +120,8 @@ std::vector<Figure> MeasureDetailText(const Options& options)
     spread.ratio = dearest->value.median / cheapest->value.median;
     spread.goal = "<= 2x (linear)";
     spread.met = spread.ratio <= 2.0;
-    spread.note = dearest->name.substr(sizeof kFigurePrefix - 1) + " over " +
-                  cheapest->name.substr(sizeof kFigurePrefix - 1);
+    spread.note =
+        dearest->name.substr(sizeof kFigurePrefix - 1) + " over " + cheapest->name.substr(sizeof kFigurePrefix - 1);
     figures.push_back(spread);
     return figures;
 }

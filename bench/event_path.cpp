@@ -123,13 +123,19 @@ std::vector<Figure> MeasureEventPath(const Options& options)
     AddChannel(kProviderChannel);
     AddChannel(kFloorChannel);
 
-    const EventKind crash{kCrashMetric,     kCrashQuery, L"Application Error", kCrashPaths,
-                          static_cast<DWORD>(std::size(kCrashPaths)), WriteCrashEvents, true};
+    const EventKind crash{
+        kCrashMetric,     kCrashQuery, L"Application Error", kCrashPaths, static_cast<DWORD>(std::size(kCrashPaths)),
+        WriteCrashEvents, true};
     // Messages that classify as "volumes ready" or as nothing: a log-on event
     // would read the registry and the service log, which the service-log
     // figure measures on its own.
-    const EventKind layering{kLayeringMetric, kLayeringQuery, kLayeringPublisher, kLayeringPaths,
-                             static_cast<DWORD>(std::size(kLayeringPaths)), WriteLayeringEvents, false};
+    const EventKind layering{kLayeringMetric,
+                             kLayeringQuery,
+                             kLayeringPublisher,
+                             kLayeringPaths,
+                             static_cast<DWORD>(std::size(kLayeringPaths)),
+                             WriteLayeringEvents,
+                             false};
 
     std::vector<Figure> figures;
     figures.push_back(MeasureKind(crash, kProductionLogLevels, "crash events", options));

@@ -33,10 +33,8 @@ struct Section {
 };
 
 const Section kSections[] = {
-    {"event", "event path", zeph::bench::MeasureEventPath},
-    {"report", "report path", zeph::bench::MeasureReportPath},
-    {"text", "detail text", zeph::bench::MeasureDetailText},
-    {"log", "service log", zeph::bench::MeasureServiceLog},
+    {"event", "event path", zeph::bench::MeasureEventPath},  {"report", "report path", zeph::bench::MeasureReportPath},
+    {"text", "detail text", zeph::bench::MeasureDetailText}, {"log", "service log", zeph::bench::MeasureServiceLog},
     {"memory", "memory", zeph::bench::MeasureMemory},
 };
 
@@ -106,8 +104,8 @@ int wmain(int argc, wchar_t** argv)
     zeph::bench::Options options;
     std::wstring jsonPath;
     std::string only;
-    std::wstring section;         // a child: the one section to run
-    std::wstring figuresPath;     // a child: where its figures go
+    std::wstring section;      // a child: the one section to run
+    std::wstring figuresPath;  // a child: where its figures go
     for (int i = 1; i < argc; ++i) {
         if (std::wcscmp(argv[i], L"--quick") == 0) {
             options.quick = true;

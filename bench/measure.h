@@ -56,7 +56,7 @@ struct Figure {
     std::string floorName;
     Summary floor;
     double ratio = 0;
-    std::string goal;   // empty: reported only
+    std::string goal;  // empty: reported only
     bool met = true;
     std::string note;
 };

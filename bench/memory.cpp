@@ -149,8 +149,7 @@ int RunMemoryChild(const wchar_t* side, const wchar_t* resultPath, bool quick)
     }
     std::fprintf(file, "%.3f %.3f %lld %lld\n",
                  (static_cast<double>(after) - static_cast<double>(before)) / static_cast<double>(events),
-                 (heapAfter - heapBefore) / static_cast<double>(events), events,
-                 openAfter - openBefore);
+                 (heapAfter - heapBefore) / static_cast<double>(events), events, openAfter - openBefore);
     std::fclose(file);
     return 0;
 }

@@ -50,7 +50,8 @@ public:
         wchar_t temp[MAX_PATH] = {};
         ::GetTempPathW(MAX_PATH, temp);
         folder_ = std::wstring(temp) + L"zeph bench " + NewGuidText();
-        if (!::CreateDirectoryW(folder_.c_str(), nullptr) || !::CreateDirectoryW((folder_ + L"\\Logs").c_str(), nullptr)) {
+        if (!::CreateDirectoryW(folder_.c_str(), nullptr) ||
+            !::CreateDirectoryW((folder_ + L"\\Logs").c_str(), nullptr)) {
             Fail("cannot create the service's folder");
         }
         const std::wstring imagePath = L"\"" + folder_ + L"\\drovesvc.exe\"";
@@ -155,8 +156,9 @@ std::wstring LogSegment()
 // and scanned once for the mount token with the fastest search at hand.
 size_t ReadAndScan(const std::wstring& path, DWORD offset, std::vector<wchar_t>& buffer)
 {
-    const HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                      nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE file =
+        ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
         Fail("cannot open the service log");
     }
@@ -249,8 +251,7 @@ Figure MeasureCollector(ULONG levels, bool collectFirst, const char* name, const
 std::vector<Figure> MeasureServiceLog(const Options& options)
 {
     std::vector<Figure> figures;
-    figures.push_back(
-        MeasureCollector(kProductionLogLevels, false, "FindLoginResponse (collect + search)", options));
+    figures.push_back(MeasureCollector(kProductionLogLevels, false, "FindLoginResponse (collect + search)", options));
     // The two calls one after the other read the segment twice against the
     // floor's once; shown for the record, the goal is on the metric's own path.
     Figure twice = MeasureCollector(kProductionLogLevels, true, "CollectLog, then FindLoginResponse", options);

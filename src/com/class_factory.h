@@ -60,8 +60,7 @@ public:
         }
         *object = nullptr;
         return ComBarrier([&]() -> HRESULT {
-            return outer != nullptr ? ComAggObject<T>::Create(outer, riid, object)
-                                    : ComObject<T>::Create(riid, object);
+            return outer != nullptr ? ComAggObject<T>::Create(outer, riid, object) : ComObject<T>::Create(riid, object);
         });
     }
 

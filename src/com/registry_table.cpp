@@ -51,8 +51,8 @@ size_t Depth(const std::wstring& key)
 [[nodiscard]] LSTATUS WriteRow(HKEY root, const ExpandedRow& row)
 {
     unique_hkey key;
-    LSTATUS status = ::RegCreateKeyExW(root, row.key.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
-                                       KEY_SET_VALUE, nullptr, key.put(), nullptr);
+    LSTATUS status = ::RegCreateKeyExW(root, row.key.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_SET_VALUE,
+                                       nullptr, key.put(), nullptr);
     if (status != ERROR_SUCCESS || row.valueName == nullptr) {
         return status;
     }

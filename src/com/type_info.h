@@ -62,8 +62,8 @@ public:
         });
     }
 
-    STDMETHODIMP Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params, VARIANT* result,
-                        EXCEPINFO* exception, UINT* argumentError) override
+    STDMETHODIMP Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params, VARIANT* result, EXCEPINFO* exception,
+                        UINT* argumentError) override
     {
         return ComBarrier([&]() -> HRESULT {
             ITypeInfo* info = nullptr;
@@ -71,8 +71,7 @@ public:
             if (FAILED(loaded)) {
                 return loaded;
             }
-            return ::DispInvoke(static_cast<Dual*>(this), info, id, flags, params, result, exception,
-                                argumentError);
+            return ::DispInvoke(static_cast<Dual*>(this), info, id, flags, params, result, exception, argumentError);
         });
     }
 
@@ -84,8 +83,8 @@ private:
         ITypeInfo* current = cached.load(std::memory_order_acquire);
         if (current == nullptr) {
             Microsoft::WRL::ComPtr<ITypeInfo> loaded;
-            const HRESULT result = LoadInterfaceTypeInfo(TypeLib::kLibId, TypeLib::kMajor, TypeLib::kMinor,
-                                                         __uuidof(Dual), &loaded);
+            const HRESULT result =
+                LoadInterfaceTypeInfo(TypeLib::kLibId, TypeLib::kMajor, TypeLib::kMinor, __uuidof(Dual), &loaded);
             if (FAILED(result)) {
                 return result;
             }

@@ -44,10 +44,10 @@ ErrorText AppendErrorText(const wchar_t* format, HRESULT code)
 {
     ErrorText result;
     wchar_t* systemText = nullptr;
-    const DWORD length = ::FormatMessageW(
-        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_SYSTEM,
-        nullptr, static_cast<DWORD>(code), MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
-        reinterpret_cast<wchar_t*>(&systemText), 0, nullptr);
+    const DWORD length =
+        ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_SYSTEM,
+                         nullptr, static_cast<DWORD>(code), MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
+                         reinterpret_cast<wchar_t*>(&systemText), 0, nullptr);
     result.systemText.reset(systemText);
     result.format = format;
     result.format += (length != 0 && systemText != nullptr) ? kSuffixWithText : kSuffixWithoutText;

@@ -18,8 +18,8 @@ std::wstring FormatStringV(const wchar_t* format, va_list args);
 
 // A failure template with its error suffix, and the system's text for the code.
 struct ErrorText {
-    std::wstring format;          // template + "  Error code 0x%08lx -- %s" or + "  Error code 0x%08lx."
-    unique_local_text systemText; // null when the system has no text for the code
+    std::wstring format;           // template + "  Error code 0x%08lx -- %s" or + "  Error code 0x%08lx."
+    unique_local_text systemText;  // null when the system has no text for the code
 };
 
 // The system text is inserted as the system gives it, trailing line break included.

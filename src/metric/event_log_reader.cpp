@@ -39,8 +39,7 @@ DWORD RenderEventValues(EVT_HANDLE& context, EVT_HANDLE event, const wchar_t* co
 DWORD FormatEventMessage(EVT_HANDLE publisherMetadata, EVT_HANDLE event, MessageCallback callback)
 {
     DWORD bufferUsed = 0;
-    if (!::EvtFormatMessage(publisherMetadata, event, 0, 0, nullptr, EvtFormatMessageEvent, 0, nullptr,
-                            &bufferUsed) &&
+    if (!::EvtFormatMessage(publisherMetadata, event, 0, 0, nullptr, EvtFormatMessageEvent, 0, nullptr, &bufferUsed) &&
         ::GetLastError() == ERROR_INSUFFICIENT_BUFFER) {
         std::unique_ptr<wchar_t[]> buffer(new (std::nothrow) wchar_t[bufferUsed]);
         if (buffer) {

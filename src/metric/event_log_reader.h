@@ -19,7 +19,7 @@ using MessageCallback = std::function<void(const wchar_t* message)>;
 // caller closes it. The array is allocated per event and deliberately not
 // freed: the callback may keep pointers into it.
 [[nodiscard]] DWORD RenderEventValues(EVT_HANDLE& context, EVT_HANDLE event, const wchar_t* const* paths, DWORD count,
-                        RenderCallback callback);
+                                      RenderCallback callback);
 
 // Formats the event's message with the publisher's metadata and calls back
 // once with the text. Returns the last error after the attempt.

@@ -41,8 +41,7 @@ public:
     EVT_HANDLE Handle() const noexcept { return handle_.get(); }
 
     // The callback registered with EvtSubscribe; always returns 0.
-    static DWORD WINAPI OnSubscriptionEvent(EVT_SUBSCRIBE_NOTIFY_ACTION action, PVOID context,
-                                            EVT_HANDLE event);
+    static DWORD WINAPI OnSubscriptionEvent(EVT_SUBSCRIBE_NOTIFY_ACTION action, PVOID context, EVT_HANDLE event);
 
 private:
     unique_evt_handle handle_;

@@ -49,8 +49,8 @@ void LogFailure(IProviderLogger* logger, HRESULT code, const wchar_t* format, Ar
     }
     const ErrorText error = AppendErrorText(format, code);
     const std::wstring text = error.systemText
-        ? FormatString(error.format.c_str(), args..., code, error.systemText.get())
-        : FormatString(error.format.c_str(), args..., code);
+                                  ? FormatString(error.format.c_str(), args..., code, error.systemText.get())
+                                  : FormatString(error.format.c_str(), args..., code);
     WriteLogLine(logger, LogLevel::Error, text);
 }
 

@@ -15,8 +15,7 @@ HRESULT Write(IMetricValueSink* sink, std::wstring_view key, std::wstring_view n
 
 }  // namespace
 
-HRESULT WriteMetricString(IMetricValueSink* sink, std::wstring_view key, std::wstring_view name,
-                          std::wstring_view text)
+HRESULT WriteMetricString(IMetricValueSink* sink, std::wstring_view key, std::wstring_view name, std::wstring_view text)
 {
     if (sink == nullptr) {
         return E_POINTER;
@@ -26,8 +25,7 @@ HRESULT WriteMetricString(IMetricValueSink* sink, std::wstring_view key, std::ws
     return Write(sink, key, name, value);
 }
 
-HRESULT WriteMetricUInt64(IMetricValueSink* sink, std::wstring_view key, std::wstring_view name,
-                          ULONGLONG number)
+HRESULT WriteMetricUInt64(IMetricValueSink* sink, std::wstring_view key, std::wstring_view name, ULONGLONG number)
 {
     if (sink == nullptr) {
         return E_POINTER;

@@ -12,8 +12,7 @@
 namespace zeph {
 
 [[nodiscard]] HRESULT WriteMetricString(IMetricValueSink* sink, std::wstring_view key, std::wstring_view name,
-                          std::wstring_view text);
-HRESULT WriteMetricUInt64(IMetricValueSink* sink, std::wstring_view key, std::wstring_view name,
-                          ULONGLONG number);
+                                        std::wstring_view text);
+HRESULT WriteMetricUInt64(IMetricValueSink* sink, std::wstring_view key, std::wstring_view name, ULONGLONG number);
 
 }  // namespace zeph

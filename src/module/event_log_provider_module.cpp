@@ -50,9 +50,9 @@ public:
     explicit ClassesRoot(bool perUser)
     {
         if (perUser) {
-            const LSTATUS status = ::RegCreateKeyExW(HKEY_CURRENT_USER, kPerUserClasses, 0, nullptr,
-                                                     REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr,
-                                                     userClasses_.put(), nullptr);
+            const LSTATUS status =
+                ::RegCreateKeyExW(HKEY_CURRENT_USER, kPerUserClasses, 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                  KEY_ALL_ACCESS, nullptr, userClasses_.put(), nullptr);
             if (status != ERROR_SUCCESS) {
                 ThrowHResult(HResultFromWin32(status));
             }

@@ -25,13 +25,11 @@ constexpr RegistryRow kProviderClassRows[] = {
     {L"CLSID", NoRemove},
     {L"CLSID\\%CLSID%", ForceRemove, L"", L"Zeph Event Log Provider Class"},
     {L"CLSID\\%CLSID%\\ProgID", Normal, L"", L"ZephAgent.EventLogProvider.1"},
-    {L"CLSID\\%CLSID%\\VersionIndependentProgID", Normal, L"",
-     L"ZephAgent.EventLogProvider"},
+    {L"CLSID\\%CLSID%\\VersionIndependentProgID", Normal, L"", L"ZephAgent.EventLogProvider"},
     {L"CLSID\\%CLSID%\\Programmable", ForceRemove},
     {L"CLSID\\%CLSID%\\InprocServer32", Normal, L"", L"%MODULE%"},
     {L"CLSID\\%CLSID%\\InprocServer32", Normal, L"ThreadingModel", L"Both"},
-    {L"CLSID\\%CLSID%\\TypeLib", Normal, L"",
-     L"%LIBID%"},
+    {L"CLSID\\%CLSID%\\TypeLib", Normal, L"", L"%LIBID%"},
 };
 
 }  // namespace

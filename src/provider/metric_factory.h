@@ -16,9 +16,9 @@ inline constexpr wchar_t kAppCrashMetricName[] = L"eventlog|eventlog_appcrash";
 
 // (name as the host spelled it, logger, host context) -> metric, or empty for
 // a name it does not know. The two references are the factory's to release.
-using MetricFactoryFunction = std::function<std::shared_ptr<CMetric>(
-    const wchar_t* name, Microsoft::WRL::ComPtr<IProviderLogger> logger,
-    Microsoft::WRL::ComPtr<IProviderHostContext> hostContext)>;
+using MetricFactoryFunction =
+    std::function<std::shared_ptr<CMetric>(const wchar_t* name, Microsoft::WRL::ComPtr<IProviderLogger> logger,
+                                           Microsoft::WRL::ComPtr<IProviderHostContext> hostContext)>;
 
 // Knows the two metric names, compared without regard to letter case.
 std::shared_ptr<CMetric> MetricFactory(const wchar_t* name, Microsoft::WRL::ComPtr<IProviderLogger> logger,

@@ -94,12 +94,30 @@ HRESULT CProvider::Reserved() noexcept
     return S_OK;
 }
 
-STDMETHODIMP CProvider::Reserved1() { return Reserved(); }
-STDMETHODIMP CProvider::Reserved2() { return Reserved(); }
-STDMETHODIMP CProvider::Reserved3() { return Reserved(); }
-STDMETHODIMP CProvider::Reserved4() { return Reserved(); }
-STDMETHODIMP CProvider::Reserved5() { return Reserved(); }
-STDMETHODIMP CProvider::Reserved6() { return Reserved(); }
+STDMETHODIMP CProvider::Reserved1()
+{
+    return Reserved();
+}
+STDMETHODIMP CProvider::Reserved2()
+{
+    return Reserved();
+}
+STDMETHODIMP CProvider::Reserved3()
+{
+    return Reserved();
+}
+STDMETHODIMP CProvider::Reserved4()
+{
+    return Reserved();
+}
+STDMETHODIMP CProvider::Reserved5()
+{
+    return Reserved();
+}
+STDMETHODIMP CProvider::Reserved6()
+{
+    return Reserved();
+}
 
 STDMETHODIMP CProvider::QueryMetric(BSTR name, LONG_PTR context, IUnknown* sink)
 {

@@ -30,9 +30,9 @@ public:
     VARIANT* get() noexcept { return &value_; }
     const VARIANT* get() const noexcept { return &value_; }
 
-    void Clear();  // throws the HRESULT of VariantClear
+    void Clear();                            // throws the HRESULT of VariantClear
     void SetString(std::wstring_view text);  // VT_BSTR holding a copy of text
-    void SetUInt64(ULONGLONG number);  // VT_UI8
+    void SetUInt64(ULONGLONG number);        // VT_UI8
 
 private:
     VARIANT value_;

@@ -44,9 +44,10 @@ std::wstring WithSystemText(const std::wstring& text, HRESULT code)
 // The length is what the text is reserved with: exact, so a crash text takes one block.
 TEST(CrashText, OnlyCarriageReturnLineFeedPairsBecomeBreaks)
 {
-    for (const auto& [message, replaced] : {std::pair{L"A\r\nB\r\n", L"A<br />B<br />"}, {L"A\n\rB", L"A\n\rB"},
-                                           {L"\r\r\n\n", L"\r<br />\n"},
-                                           {L"lone\rcr and lone\nlf\r", L"lone\rcr and lone\nlf\r"}}) {
+    for (const auto& [message, replaced] : {std::pair{L"A\r\nB\r\n", L"A<br />B<br />"},
+                                            {L"A\n\rB", L"A\n\rB"},
+                                            {L"\r\r\n\n", L"\r<br />\n"},
+                                            {L"lone\rcr and lone\nlf\r", L"lone\rcr and lone\nlf\r"}}) {
         EXPECT_EQ(ReplaceLineBreaks(message), replaced);
         EXPECT_EQ(ReplacedLineBreaksLength(message), std::wcslen(replaced)) << message;
     }
@@ -148,18 +149,18 @@ BOOL WINAPI FailingNameQuery(COMPUTER_NAME_FORMAT format, LPWSTR buffer, LPDWORD
 
 TEST_F(AppCrashMetricTest, HostNameIsRetriedUntilTheSystemGivesIt)
 {
-    for (const auto& [query, message] : {std::pair{&FailingSizeQuery, L"first"},
-                                          std::pair{&FailingNameQuery, L"second"},
-                                          std::pair{&::GetComputerNameExW, L"third"}}) {
+    for (const auto& [query, message] :
+         {std::pair{&FailingSizeQuery, L"first"}, std::pair{&FailingNameQuery, L"second"},
+          std::pair{&::GetComputerNameExW, L"third"}}) {
         metric_->UseComputerNameQuery(query);
         Crash(message);
         WaitForDeliveries();
     }
-    EXPECT_EQ(logger_->Lines(),
-              (std::vector<LogLine>{{LogLevel::Error, L"Failed to query the NetBIOS name buffer length"},
-                                    {LogLevel::Error,
-                                     WithSystemText(L"Failed to query the NetBIOS name of the local machine",
-                                                    HResultFromWin32(ERROR_ACCESS_DENIED))}}));
+    EXPECT_EQ(
+        logger_->Lines(),
+        (std::vector<LogLine>{{LogLevel::Error, L"Failed to query the NetBIOS name buffer length"},
+                              {LogLevel::Error, WithSystemText(L"Failed to query the NetBIOS name of the local machine",
+                                                               HResultFromWin32(ERROR_ACCESS_DENIED))}}));
     ASSERT_EQ(Report(), S_OK);
     const auto writes = sink_->Writes();
     ASSERT_EQ(writes.size(), 4u);
@@ -177,16 +178,17 @@ TEST_F(AppCrashMetricTest, ARefusedDetailStaysWithTheOnesBehindItUntilItsThirdRe
     sink_->Refuse(kCrashDetailsKey, kRefused, L"2");
     EXPECT_EQ(Report(), kRefused);
     EXPECT_EQ(Written(), (Details{{L"1", L"crash 1"}, {L"2", L"crash 2"}}));
-    EXPECT_EQ(logger_->Texts(), std::vector<std::wstring>{WithSystemText(
-                                    L"Failed to collect metric 'appcrash|crash_details|*'.", kRefused)});
+    EXPECT_EQ(logger_->Texts(), std::vector<std::wstring>{
+                                    WithSystemText(L"Failed to collect metric 'appcrash|crash_details|*'.", kRefused)});
 
     // Refused twice more as the first detail: the third refusal drops it, and only it.
     sink_->Refuse(kCrashDetailsKey, kRefused, L"1");
     EXPECT_EQ(Report(), kRefused);
     logger_->Clear();
     EXPECT_EQ(Report(), kRefused);
-    EXPECT_EQ(logger_->Lines().back(),
-              (LogLine{LogLevel::Info, L"Collecting metric has exceeded max failure times. Delete event from list ''"}));
+    EXPECT_EQ(
+        logger_->Lines().back(),
+        (LogLine{LogLevel::Info, L"Collecting metric has exceeded max failure times. Delete event from list ''"}));
     sink_->SetPolicy(nullptr);
     EXPECT_EQ(Report(), S_OK);
     EXPECT_EQ(Written(), (Details{{L"1", L"crash 3"}}));
@@ -209,9 +211,13 @@ TEST_F(AppCrashMetricTest, OddEventsAndFailingHostsLoseNothingPending)
     WaitForDeliveries();
 
     const std::wstring flagFailed = L"Failed to write metric flag 'appcrash|contained'.";
-    for (int query = 0; query < 3; ++query) EXPECT_EQ(metric_->CollectMetric(nullptr, 0), E_POINTER);
+    for (int query = 0; query < 3; ++query) {
+        EXPECT_EQ(metric_->CollectMetric(nullptr, 0), E_POINTER);
+    }
     sink_->SetPolicy([](const std::wstring&, const std::wstring&) { return E_FAIL; });
-    for (int query = 0; query < 4; ++query) EXPECT_EQ(Report(), E_FAIL);
+    for (int query = 0; query < 4; ++query) {
+        EXPECT_EQ(Report(), E_FAIL);
+    }
     EXPECT_EQ(sink_->Writes().size(), 1u) << "no detail after a refused flag";
     EXPECT_TRUE(logger_->Has(LogLevel::Error, WithSystemText(flagFailed, E_POINTER)));
     EXPECT_TRUE(logger_->Has(LogLevel::Error, WithSystemText(flagFailed, E_FAIL)));

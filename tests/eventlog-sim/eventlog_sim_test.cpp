@@ -39,8 +39,8 @@ public:
 
     DWORD Subscribe(const std::wstring& channel, const wchar_t* query = nullptr)
     {
-        subscription_ = EvtSubscribe(nullptr, nullptr, channel.c_str(), query, nullptr, this, &OnEvent,
-                                     EvtSubscribeToFutureEvents);
+        subscription_ =
+            EvtSubscribe(nullptr, nullptr, channel.c_str(), query, nullptr, this, &OnEvent, EvtSubscribeToFutureEvents);
         return subscription_ ? kOk : GetLastError();
     }
     BOOL Close() { return subscription_ ? EvtClose(std::exchange(subscription_, nullptr)) : FALSE; }
@@ -60,7 +60,9 @@ private:
             std::lock_guard lock(self->mutex_);
             self->calls_.push_back(call);
         }
-        if (self->hook_) self->hook_(event);
+        if (self->hook_) {
+            self->hook_(event);
+        }
         return kOk;
     }
 
@@ -98,7 +100,10 @@ protected:
     std::wstring channel_;
 };
 
-DWORD WINAPI Ignore(EVT_SUBSCRIBE_NOTIFY_ACTION, PVOID, EVT_HANDLE) { return kOk; }
+DWORD WINAPI Ignore(EVT_SUBSCRIBE_NOTIFY_ACTION, PVOID, EVT_HANDLE)
+{
+    return kOk;
+}
 
 DWORD SubscribeError(const wchar_t* channel, const wchar_t* query, EVT_SUBSCRIBE_CALLBACK callback = Ignore,
                      DWORD flags = EvtSubscribeToFutureEvents, EVT_HANDLE session = nullptr)
@@ -148,7 +153,9 @@ TEST_F(SimTest, DeliversFutureEventsOnOneThreadOfItsOwnAndErrorsWithTheirCode)
     ASSERT_EQ(kOk, Write(L"Past", 1));
     Recorder recorder;
     ASSERT_EQ(kOk, recorder.Subscribe(channel_));
-    for (USHORT id = 2; id <= 20; ++id) ASSERT_EQ(kOk, Write(L"Order", id));
+    for (USHORT id = 2; id <= 20; ++id) {
+        ASSERT_EQ(kOk, Write(L"Order", id));
+    }
     ASSERT_EQ(kOk, EvtSimDeliverError(channel_.c_str(), ERROR_EVT_QUERY_RESULT_STALE));
     Settle();
     const std::vector<Call> calls = recorder.Calls();
@@ -171,7 +178,9 @@ TEST_F(SimTest, CloseFromItsOwnCallbackDropsTheQueueWithoutDeadlockAndNothingCom
         closeResult = recorder.Close();
     });
     ASSERT_EQ(kOk, recorder.Subscribe(channel_));
-    for (USHORT id = 1; id <= 6; ++id) ASSERT_EQ(kOk, Write(L"Close", id));
+    for (USHORT id = 1; id <= 6; ++id) {
+        ASSERT_EQ(kOk, Write(L"Close", id));
+    }
     go.release();  // the first callback closes while the other five wait in the queue
     Settle();
     EXPECT_TRUE(closeResult);
@@ -179,7 +188,9 @@ TEST_F(SimTest, CloseFromItsOwnCallbackDropsTheQueueWithoutDeadlockAndNothingCom
 
     Recorder other;
     ASSERT_EQ(kOk, other.Subscribe(channel_));
-    for (USHORT id = 0; id < 500; ++id) ASSERT_EQ(kOk, Write(L"Close", id));
+    for (USHORT id = 0; id < 500; ++id) {
+        ASSERT_EQ(kOk, Write(L"Close", id));
+    }
     ASSERT_TRUE(other.Close());  // most likely with deliveries still queued
     const size_t deliveredByClose = other.Calls().size();
     ASSERT_EQ(kOk, Write(L"Close", 500));

@@ -19,16 +19,18 @@ constexpr wchar_t kNs[] = L"xmlns='http://schemas.microsoft.com/win/2004/08/even
 
 std::wstring Event(const std::wstring& body)
 {
-    return std::wstring(L"<Event ") + kNs + L"><System><Provider Name='Application Error'/><EventID>1000</EventID>"
-           L"<TimeCreated SystemTime='2024-05-14T09:12:03.4471920Z'/><Channel>Application</Channel></System>" + body +
-           L"</Event>";
+    return std::wstring(L"<Event ") + kNs +
+           L"><System><Provider Name='Application Error'/><EventID>1000</EventID>"
+           L"<TimeCreated SystemTime='2024-05-14T09:12:03.4471920Z'/><Channel>Application</Channel></System>" +
+           body + L"</Event>";
 }
 
 // The replay below has evtxexport's shape and the event's parts; here the other shapes.
 TEST(EventXml, ShapesAndInsertionStrings)
 {
-    const std::wstring one = Event(L"<EventData><Data>&lt;a &amp; b&gt; &#x41;</Data><Data><![CDATA[<raw> & ]]>x</Data>"
-                                   L"<Data> b  </Data></EventData>");
+    const std::wstring one = Event(
+        L"<EventData><Data>&lt;a &amp; b&gt; &#x41;</Data><Data><![CDATA[<raw> & ]]>x</Data>"
+        L"<Data> b  </Data></EventData>");
     // wevtutil writes no root; entities, CDATA and blanks are kept as written.
     for (const std::wstring& text : {one + L"\n" + one, L"<Events>" + one + L"<!-- saved -->" + one + L"</Events>"}) {
         const EventFile file = ParseEventText(text);
@@ -44,7 +46,9 @@ TEST(EventXml, DecodesByByteOrderMark)
     EXPECT_EQ(host::DecodeText("\xEF\xBB\xBF<Event>\xC3\xA4</Event>"), expected);
     EXPECT_EQ(host::DecodeText("<Event>\xC3\xA4</Event>"), expected);
     std::string utf16le("\xFF\xFE", 2), bare;
-    for (wchar_t c : expected) bare += {static_cast<char>(c & 0xFF), static_cast<char>(c >> 8)};
+    for (wchar_t c : expected) {
+        bare += {static_cast<char>(c & 0xFF), static_cast<char>(c >> 8)};
+    }
     EXPECT_EQ(host::DecodeText(utf16le + bare), expected);
     EXPECT_EQ(host::DecodeText(bare), expected);  // no mark, as PowerShell redirections may leave it
 }
@@ -55,8 +59,8 @@ protected:
     HostRun Replay(const std::string& events)
     {
         const std::wstring file = folder_.WriteFile(L"events.xml", events);
-        return RunZephHost({L"--config", config_, L"--dll", BinFolder() + L"zeph_eventlog.dll", L"--replay", file,
-                            L"--once"});
+        return RunZephHost(
+            {L"--config", config_, L"--dll", BinFolder() + L"zeph_eventlog.dll", L"--replay", file, L"--once"});
     }
     // The value column of the table's crash detail lines.
     static Strings Details(const HostRun& run)
@@ -65,7 +69,9 @@ protected:
         const std::wregex line(LR"(  appcrash\|crash_details\|\*  \d+ +(.*))");
         std::wsmatch match;
         for (const std::wstring& text : run.OutLines()) {
-            if (std::regex_match(text, match, line)) details.push_back(match[1]);
+            if (std::regex_match(text, match, line)) {
+                details.push_back(match[1]);
+            }
         }
         return details;
     }
@@ -94,31 +100,41 @@ constexpr char kCrash64[] = R"(<Event xmlns="http://schemas.microsoft.com/win/20
 
 TEST_F(ReplayRun, CrashDetailsAsTheProviderReportsThem)
 {
-    const std::string events = std::string("evtxexport 20181227\n\n") + kCrash64 +
+    const std::string events =
+        std::string("evtxexport 20181227\n\n") + kCrash64 +
         R"(<Event xmlns="http://schemas.microsoft.com/win/2004/08/events/event"><System><Provider Name="Application Error"/><EventID>1000</EventID><TimeCreated SystemTime="2024-05-14T09:27:45.901638200Z"/><Channel>Application</Channel></System><EventData><Data>größe.exe</Data><Data>3.8.1.0</Data><Data>5c1a7f0e</Data><Data>e32.dll</Data><Data>3.8.1.12</Data><Data>5c1a7ee9</Data><Data>c0000005</Data><Data>0002b1c4</Data><Data>2e40</Data><Data>01daa5e1f4a0c917</Data><Data>C:\Program Files (x86)\Größe\größe.exe</Data><Data>C:\Program Files (x86)\Größe\e32.dll</Data><Data>5e0c4a8b</Data><Data>Contoso.Größe_3.8.1.0_x86__8wekyb3d8bbwe</Data><Data>App</Data></EventData></Event>
 <Event xmlns="http://schemas.microsoft.com/win/2004/08/events/event"><System><Provider Name="Application Error"/><EventID>1000</EventID><TimeCreated SystemTime="2024-05-14T09:30:00Z"/><Channel>System</Channel></System></Event>
 <Event xmlns="http://schemas.microsoft.com/win/2004/08/events/event"><System><Provider Name="Application Error"/><EventID>1000</EventID><TimeCreated SystemTime="2024-05-14T09:31:00Z"/><Channel>Application</Channel></System><EventData><Data>old.exe</Data></EventData><RenderingInfo Culture="en-US"><Message>Faulting application name: old.exe</Message></RenderingInfo></Event>
 )";
     const HostRun run = Replay(events);
     EXPECT_EQ(run.exitCode, 0u) << testing::PrintToString(run.err);
-    EXPECT_EQ(Details(run), (Strings{
-        L"Faulting application name: ledger.exe, version: 4.2.0.118, time stamp: 0x65f1c2a0<br />"
-        L"Faulting module name: ntdll.dll, version: 10.0.19041.3636, time stamp: 0xb5ced1c6<br />"
-        L"Exception code: 0xc0000374<br />Fault offset: 0x00000000000ff6a9<br />Faulting process id: 0x1cf4<br />"
-        L"Faulting application start time: 0x01daa5e0b2c84f3d<br />Faulting application path: C:\\Program Files\\Ledger\\ledger.exe<br />"
-        L"Faulting module path: C:\\Windows\\SYSTEM32\\ntdll.dll<br />Report Id: a3b1f0d2-6c4e-4b8a-9e71-5d20c8f4e613<br />"
-        L"Faulting package full name: <br />Faulting package-relative application ID: "
-        L"<br />Crash Time: 2024-05-14 09:12:03" + host_,
-        L"Faulting application name: größe.exe, version: 3.8.1.0, time stamp: 0x5c1a7f0e<br />"
-        L"Faulting module name: e32.dll, version: 3.8.1.12, time stamp: 0x5c1a7ee9<br />"
-        L"Exception code: 0xc0000005<br />Fault offset: 0x0002b1c4<br />Faulting process id: 0x2e40<br />"
-        L"Faulting application start time: 0x01daa5e1f4a0c917<br />Faulting application path: C:\\Program Files (x86)\\Größe\\größe.exe<br />"
-        L"Faulting module path: C:\\Program Files (x86)\\Größe\\e32.dll<br />Report Id: 5e0c4a8b<br />"
-        L"Faulting package full name: Contoso.Größe_3.8.1.0_x86__8wekyb3d8bbwe<br />Faulting package-relative application ID: App"
-        L"<br />Crash Time: 2024-05-14 09:27:45" + host_,
-        L"Faulting application name: old.exe<br />Crash Time: 2024-05-14 09:31:00" + host_,
-    }));
-    EXPECT_NE(run.err.find(L"4 event(s) read, 3 written, 1 skipped"), std::wstring::npos) << testing::PrintToString(run.err);
+    EXPECT_EQ(
+        Details(run),
+        (Strings{
+            L"Faulting application name: ledger.exe, version: 4.2.0.118, time stamp: 0x65f1c2a0<br />"
+            L"Faulting module name: ntdll.dll, version: 10.0.19041.3636, time stamp: 0xb5ced1c6<br />"
+            L"Exception code: 0xc0000374<br />Fault offset: 0x00000000000ff6a9<br />Faulting process id: 0x1cf4<br />"
+            L"Faulting application start time: 0x01daa5e0b2c84f3d<br />Faulting application path: C:\\Program "
+            L"Files\\Ledger\\ledger.exe<br />"
+            L"Faulting module path: C:\\Windows\\SYSTEM32\\ntdll.dll<br />Report Id: "
+            L"a3b1f0d2-6c4e-4b8a-9e71-5d20c8f4e613<br />"
+            L"Faulting package full name: <br />Faulting package-relative application ID: "
+            L"<br />Crash Time: 2024-05-14 09:12:03" +
+                host_,
+            L"Faulting application name: größe.exe, version: 3.8.1.0, time stamp: 0x5c1a7f0e<br />"
+            L"Faulting module name: e32.dll, version: 3.8.1.12, time stamp: 0x5c1a7ee9<br />"
+            L"Exception code: 0xc0000005<br />Fault offset: 0x0002b1c4<br />Faulting process id: 0x2e40<br />"
+            L"Faulting application start time: 0x01daa5e1f4a0c917<br />Faulting application path: C:\\Program Files "
+            L"(x86)\\Größe\\größe.exe<br />"
+            L"Faulting module path: C:\\Program Files (x86)\\Größe\\e32.dll<br />Report Id: 5e0c4a8b<br />"
+            L"Faulting package full name: Contoso.Größe_3.8.1.0_x86__8wekyb3d8bbwe<br />Faulting package-relative "
+            L"application ID: App"
+            L"<br />Crash Time: 2024-05-14 09:27:45" +
+                host_,
+            L"Faulting application name: old.exe<br />Crash Time: 2024-05-14 09:31:00" + host_,
+        }));
+    EXPECT_NE(run.err.find(L"4 event(s) read, 3 written, 1 skipped"), std::wstring::npos)
+        << testing::PrintToString(run.err);
 }
 
 }  // namespace

@@ -70,8 +70,8 @@ TEST_F(HostErrors, EachRefusalHasItsExitCodeAndLine)
         L"no-query.xml",
         "<zeph-host><metric name=\"eventlog|eventlog_appcrash\"><channel>Application</channel><query>*</query></metric>"
         "<metric name=\"eventlog|eventlog_quillon\"><channel>Application</channel></metric></zeph-host>");
-    const std::wstring badScenario =
-        folder_.WriteFile(L"bad.xml", "<scenario><event channel='Application' publisher='p' id='70000'>x</event></scenario>");
+    const std::wstring badScenario = folder_.WriteFile(
+        L"bad.xml", "<scenario><event channel='Application' publisher='p' id='70000'>x</event></scenario>");
     // Away from the simulator's wevtapi.dll the provider gets the system's (Wine's own).
     const std::wstring copy = folder_.Path() + L"\\zeph_eventlog.dll";
     ASSERT_TRUE(::CopyFileW(dll_.c_str(), copy.c_str(), TRUE));
@@ -88,27 +88,35 @@ TEST_F(HostErrors, EachRefusalHasItsExitCodeAndLine)
     const std::wstring notRegistered =
         L"' is not registered: register the provider (regsvr32 zeph_eventlog.dll) or give --dll PATH";
     Expect({
-        {{L"--register-tlb", config_ + L".tlb"}, kRunFailed,
+        {{L"--register-tlb", config_ + L".tlb"},
+         kRunFailed,
          L"cannot load the type library '" + config_ + L".tlb': file not found"},
-        {{L"--config", config_, L"--once", L"--interval", L"5"}, kUsage,
+        {{L"--config", config_, L"--once", L"--interval", L"5"},
+         kUsage,
          L"--once and --interval exclude each other (see zeph-host --help)"},
-        {{L"--config", unclosed, L"--once"}, kConfigMalformed,
+        {{L"--config", unclosed, L"--once"},
+         kConfigMalformed,
          L"the configuration file '" + unclosed +
-             L"' is not well-formed XML at line 2, column *: Opening and ending tag mismatch: metric line 2 and metrics"},
-        {{L"--config", config_, L"--once", L"--progid", L"ZephTest.UserOnly"}, kClassNotRegistered,
+             L"' is not well-formed XML at line 2, column *: Opening and ending tag mismatch: metric line 2 and "
+             L"metrics"},
+        {{L"--config", config_, L"--once", L"--progid", L"ZephTest.UserOnly"},
+         kClassNotRegistered,
          L"the class 'ZephTest.UserOnly" + notRegistered +
              L"; it is registered for the current user only (regsvr32 /i:user /n), which Wine does not merge into "
              L"HKEY_CLASSES_ROOT: register it machine-wide"},
         {{L"--config", absent, L"--once"}, kConfigMissing, L"cannot read the configuration file '" + absent + L"': *"},
-        {{L"--config", config_, L"--once", L"--dll", eventLogDll}, kDllNotLoaded,
+        {{L"--config", config_, L"--once", L"--dll", eventLogDll},
+         kDllNotLoaded,
          L"'" + eventLogDll + L"' is not a COM server: it does not export DllGetClassObject"},
         // The provider's own log lines stay off, so the host's line is the only one.
-        {{L"--config", noQuery, L"--once", L"--log", L"none", L"--dll", dll_}, kSubscribeFailed,
+        {{L"--config", noQuery, L"--once", L"--log", L"none", L"--dll", dll_},
+         kSubscribeFailed,
          L"cannot subscribe the metric 'eventlog|eventlog_quillon': 0x80070490*"},
         {With({L"--scenario", badScenario}), kScenarioInvalid,
          L"the scenario '" + badScenario +
              L"', step 1 <event>: attribute id must be a whole number from 0 to 65535, not '70000'"},
-        {{L"--config", config_, L"--once", L"--dll", copy, L"--scenario", query}, kScenarioFailed,
+        {{L"--config", config_, L"--once", L"--dll", copy, L"--scenario", query},
+         kScenarioFailed,
          L"scenario replay needs the simulated event log, but the wevtapi.dll in use (*) is the system's event log"},
     });
 }

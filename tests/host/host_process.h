@@ -86,7 +86,8 @@ inline HostRun RunZephHost(const std::vector<std::wstring>& arguments)
     startup.hStdError = err.get();
     PROCESS_INFORMATION process = {};
     HostRun run;
-    if (::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
+    if (::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                         &process)) {
         if (::WaitForSingleObject(process.hProcess, kTimeoutMs) != WAIT_OBJECT_0) {
             ADD_FAILURE() << "zeph-host did not finish in time";
             ::TerminateProcess(process.hProcess, 255);

@@ -51,7 +51,9 @@ protected:
 </scenario>
 )";
         const std::string log = std::string(folder_.Path().begin(), folder_.Path().end()) + "\\Logs\\drovesvc.log";
-        for (size_t at; (at = scenario.find("$LOG")) != std::string::npos;) scenario.replace(at, 4, log);
+        for (size_t at; (at = scenario.find("$LOG")) != std::string::npos;) {
+            scenario.replace(at, 4, log);
+        }
         scenario_ = folder_.WriteFile(L"scenario.xml", scenario);
     }
     void TearDown() override
@@ -63,8 +65,8 @@ protected:
     // The run's standard output, with the moments of the queries themselves blanked.
     Lines Run()
     {
-        const HostRun run = RunZephHost({L"--config", config_, L"--dll", BinFolder() + L"zeph_eventlog.dll",
-                                         L"--scenario", scenario_, L"--once"});
+        const HostRun run = RunZephHost(
+            {L"--config", config_, L"--dll", BinFolder() + L"zeph_eventlog.dll", L"--scenario", scenario_, L"--once"});
         EXPECT_EQ(run.exitCode, 0u);
         // Nothing but the scenario's own step lines: the provider logged no error or warning.
         const std::wregex step(LR"(\d\d:\d\d:\d\d\.\d\d\d \[scenario\] step \d+: .*)");
@@ -74,7 +76,9 @@ protected:
         }
         const std::wregex queryTime(LR"(Query ([12]) at \d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC)");
         Lines lines = run.OutLines();
-        for (std::wstring& line : lines) line = std::regex_replace(line, queryTime, L"Query $1 at TIME");
+        for (std::wstring& line : lines) {
+            line = std::regex_replace(line, queryTime, L"Query $1 at TIME");
+        }
         return lines;
     }
     std::wstring CrashDetails(const std::wstring& text, const wchar_t* time) const

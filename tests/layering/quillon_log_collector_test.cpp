@@ -42,9 +42,9 @@ TEST_F(CollectorTest, PrepareFindsTheLogsFolderBesideTheQuotedImagePathAndTakesT
     EXPECT_EQ(collector_.LogDirectory(), service_.LogsFolder());
     EXPECT_EQ(collector_.BeginSize(), 20u);
     const std::wstring imagePath = L"drovesvc image path: \"" + service_.Folder() + L"\\drovesvc.exe\"";
-    EXPECT_EQ(TakeLines(), (Texts{L"PrepareCollectLog", imagePath, imagePath,
-                                  L"drovesvc log path: " + service_.LogsFolder(),
-                                  L"Got log file(drovesvc.log) size: 20"}));
+    EXPECT_EQ(TakeLines(),
+              (Texts{L"PrepareCollectLog", imagePath, imagePath, L"drovesvc log path: " + service_.LogsFolder(),
+                     L"Got log file(drovesvc.log) size: 20"}));
 
     // Every quote goes, and the last path part.
     const std::pair<const wchar_t*, const wchar_t*> folders[] = {
@@ -181,18 +181,19 @@ TEST_F(CollectorTest, LoginResponseGivesTheMountLinesAfterItOncePerCycle)
 {
     service_.WriteLog(L"MOUNTED-READ;C:\\T\\before.vhdx;b0\r\n");
     ASSERT_TRUE(collector_.PrepareCollectLog());
-    service_.AppendLog(L"1 MOUNTED-READ;C:\\T\\stale.vhdx;s0\r\n"
-                       L"2 Manager status 200 response\r\n"
-                       L"3 MOUNTED-READ;C:\\T\\one.vhdx;id-1\r\n"
-                       L"4 MOUNTED-READ;C:\\T\\two.vhdx;id-2\r\n"
-                       L"5 MOUNTED-READ;C:\\T\\three.vhdx;id-3");
+    service_.AppendLog(
+        L"1 MOUNTED-READ;C:\\T\\stale.vhdx;s0\r\n"
+        L"2 Manager status 200 response\r\n"
+        L"3 MOUNTED-READ;C:\\T\\one.vhdx;id-1\r\n"
+        L"4 MOUNTED-READ;C:\\T\\two.vhdx;id-2\r\n"
+        L"5 MOUNTED-READ;C:\\T\\three.vhdx;id-3");
     TakeLines();
     EXPECT_TRUE(collector_.FindLoginResponse());
     const Tesseras found{{L"id-1", L"C:\\T\\one.vhdx"}, {L"id-2", L"C:\\T\\two.vhdx"}};
     EXPECT_EQ(collector_.GetTesseras(), found);
-    EXPECT_EQ(TakeLines(), (Texts{L"CollectLog", L"Read logs from drovesvc.log", L"Find tessera path: C:\\T\\one.vhdx",
-                                  L"Find tessera id: id-1", L"Find tessera path: C:\\T\\two.vhdx",
-                                  L"Find tessera id: id-2"}));
+    EXPECT_EQ(TakeLines(),
+              (Texts{L"CollectLog", L"Read logs from drovesvc.log", L"Find tessera path: C:\\T\\one.vhdx",
+                     L"Find tessera id: id-1", L"Find tessera path: C:\\T\\two.vhdx", L"Find tessera id: id-2"}));
 
     // Done for this cycle: nothing is read again.
     service_.AppendLog(L"\r\n6 MOUNTED-READ;C:\\T\\four.vhdx;id-4\r\n");
@@ -235,7 +236,8 @@ TEST(MountLinesTest, OnlyCompleteLinesFromTheStartPositionOnAreTaken)
         size_t start;
         Tesseras expected;
     } cases[] = {
-        {L"x MOUNTED-READ;C:\\a b\\one.vhdx;id 1\r\nMOUNTED-READ;p2;i2\r\n", 0,
+        {L"x MOUNTED-READ;C:\\a b\\one.vhdx;id 1\r\nMOUNTED-READ;p2;i2\r\n",
+         0,
          {{L"id 1", L"C:\\a b\\one.vhdx"}, {L"i2", L"p2"}}},
         {L"x MOUNTED-READ;p1;i1\r\nMOUNTED-READ;p2;i2\r\n", 3, {{L"i2", L"p2"}}},
         {L"MOUNTED-READ;;\r\n", 0, {{L"", L""}}},

@@ -43,7 +43,9 @@ TEST(ClassifyEventMessageTest, FirstMatchingRuleDecidesAndPrefixesStandAtTheStar
         {L"User is logging in after Response 200 from Manager", Kind::LogOn},  // the log-on rule comes first
         {L"", Kind::Other},
     };
-    for (const auto& [message, kind] : cases) EXPECT_EQ(ClassifyEventMessage(message), kind) << message;
+    for (const auto& [message, kind] : cases) {
+        EXPECT_EQ(ClassifyEventMessage(message), kind) << message;
+    }
 }
 
 TEST(ReadRegistryStringTest, AcceptsOnlyTerminatedStringsOfEvenLength)
@@ -66,14 +68,10 @@ TEST(ReadRegistryStringTest, AcceptsOnlyTerminatedStringsOfEvenLength)
         HRESULT result;
         const wchar_t* text;  // what out holds afterwards
     } cases[] = {
-        {kKey, L"Number", badData, L"untouched"},
-        {kKey, L"Odd", badData, L"untouched"},
-        {kKey, L"Unterminated", badData, L"untouched"},
-        {kKey, L"NoData", badData, L"untouched"},
-        {kKey, L"Missing", notFound, L"untouched"},
-        {kKey, L"Plain", S_OK, L"host:1234"},
-        {kKey, L"Expand", S_OK, L"%SystemRoot%\\host"},
-        {kKey, L"Embedded", S_OK, L"ab"},
+        {kKey, L"Number", badData, L"untouched"},       {kKey, L"Odd", badData, L"untouched"},
+        {kKey, L"Unterminated", badData, L"untouched"}, {kKey, L"NoData", badData, L"untouched"},
+        {kKey, L"Missing", notFound, L"untouched"},     {kKey, L"Plain", S_OK, L"host:1234"},
+        {kKey, L"Expand", S_OK, L"%SystemRoot%\\host"}, {kKey, L"Embedded", S_OK, L"ab"},
     };
     for (const auto& c : cases) {
         std::wstring out = L"untouched";
@@ -151,7 +149,9 @@ protected:
         Texts heads;
         for (const LogLine& line : logger_->Lines()) {
             const size_t code = line.text.find(L"  Error code 0x");
-            if (line.level == LogLevel::Error) heads.push_back(code == std::wstring::npos ? line.text : line.text.substr(0, code + 23));
+            if (line.level == LogLevel::Error) {
+                heads.push_back(code == std::wstring::npos ? line.text : line.text.substr(0, code + 23));
+            }
         }
         return heads;
     }
@@ -194,7 +194,7 @@ TEST_F(QuillonMetricTest, LogOffClearsTheStampsButKeepsTheTesseras)
     EXPECT_TRUE(Logged(L"Find tessera path: C:\\T\\%s%d.vhdx"));
     EXPECT_TRUE(Logged(L"Find tessera id: %n%x"));
     EXPECT_EQ(Reported(), (Texts{kFlag, L"quillon|instances|* a1 = s:C:\\T\\a.vhdx",
-                                L"quillon|instances|* %n%x = s:C:\\T\\%s%d.vhdx"}));
+                                 L"quillon|instances|* %n%x = s:C:\\T\\%s%d.vhdx"}));
     EXPECT_TRUE(Logged(L"Not got time stamps for quillon event."));
 
     // The next log-on starts a new list.
@@ -235,14 +235,17 @@ TEST_F(QuillonMetricTest, AllDoneWithoutTesserasSearchesTheServiceLog)
     service_.WriteLog(L"MOUNTED-READ;C:\\T\\old.vhdx;old\r\n");
     Event(L"User is logging in", kTime1);
     WaitForDeliveries();  // the cycle begins before the service writes
-    service_.AppendLog(L"Manager status 200 response\r\n"
-                       L"MOUNTED-READ;C:\\T\\a.vhdx;a1\r\n"
-                       L"MOUNTED-READ;C:\\T\\b.vhdx;b1\r\n");
+    service_.AppendLog(
+        L"Manager status 200 response\r\n"
+        L"MOUNTED-READ;C:\\T\\a.vhdx;a1\r\n"
+        L"MOUNTED-READ;C:\\T\\b.vhdx;b1\r\n");
     Event(L"Last volume loaded", kTime2);
     WaitForDeliveries();
     EXPECT_TRUE(Logged(L"No Tessera find from event log, try to find it from quillon log"));
     EXPECT_TRUE(Logged(L"Find tessera id: b1"));
-    for (const std::wstring& line : logger_->Texts()) EXPECT_FALSE(line.starts_with(L"TesseraId:")) << line;
+    for (const std::wstring& line : logger_->Texts()) {
+        EXPECT_FALSE(line.starts_with(L"TesseraId:")) << line;
+    }
 
     // With Tesseras known, a later all-done searches nothing.
     logger_->Clear();
@@ -250,8 +253,8 @@ TEST_F(QuillonMetricTest, AllDoneWithoutTesserasSearchesTheServiceLog)
     WaitForDeliveries();
     EXPECT_EQ(logger_->Texts(), Texts{L"Quillon Agent Event: All volumes finished processing"});
     EXPECT_EQ(Reported(), Stamps(1700000000123, 1700000000123, 1700000000123, 1700000010123,
-                                {kFlag, L"quillon|instances|* a1 = s:C:\\T\\a.vhdx",
-                                 L"quillon|instances|* b1 = s:C:\\T\\b.vhdx"}));
+                                 {kFlag, L"quillon|instances|* a1 = s:C:\\T\\a.vhdx",
+                                  L"quillon|instances|* b1 = s:C:\\T\\b.vhdx"}));
 }
 
 TEST_F(QuillonMetricTest, ManagerHostIsTheRegistryTextBeforeItsColon)
@@ -270,14 +273,20 @@ TEST_F(QuillonMetricTest, ManagerHostIsTheRegistryTextBeforeItsColon)
         Texts log;
     } rows[] = {
         {[] {}, {}, readFailed + L"80070002.", {}},
-        {[&] { service_.SetManager(L"mgr.corp.example:8443"); }, manager, L"",
+        {[&] { service_.SetManager(L"mgr.corp.example:8443"); },
+         manager,
+         L"",
          {quiet[0], got + L"mgr.corp.example", quiet[1]}},
-        {[&] { service_.Registry().SetValue(ServiceInstall::kParametersKey, L"Manager1", REG_DWORD, &number, 4); }, {},
-         readFailed + L"8007000d.", {}},
+        {[&] { service_.Registry().SetValue(ServiceInstall::kParametersKey, L"Manager1", REG_DWORD, &number, 4); },
+         {},
+         readFailed + L"8007000d.",
+         {}},
         {[&] { service_.SetManager(L"mgr.corp.example"); }, manager, L"", quiet},  // the same host again is no news
         {[&] { service_.SetManager(L":8443"); }, {}, L"", {quiet[0], got, notFound, quiet[1]}},
         {[&] { service_.SetManager(L""); }, {}, L"Quillon manager host value in registry is empty.", {}},
-        {[&] { service_.SetManager(longHost + L":1"); }, {L"quillon|mgr quillon|mgr = s:" + longHost}, L"",
+        {[&] { service_.SetManager(longHost + L":1"); },
+         {L"quillon|mgr quillon|mgr = s:" + longHost},
+         L"",
          {quiet[0], got + longHost, quiet[1]}},
     };
     for (size_t i = 0; i < std::size(rows); ++i) {
@@ -323,8 +332,9 @@ TEST_F(QuillonMetricTest, FailedStampAndManagerWritesAreOnlyLogged)
     const Texts stamps = Stamps(1700000000123, 1700000005123, 0, 0);
     EXPECT_EQ(Written(), (Texts{stamps[0], stamps[1], L"quillon|mgr quillon|mgr = s:mgr", kFlag,
                                 L"quillon|instances|* a1 = s:C:\\T\\a.vhdx"}));
-    EXPECT_EQ(ErrorHeads(), (Texts{L"Failed to collect metric 'quillon|logon_response_timestamp'.  Error code 0x80004005",
-                                   L"Failed to write attach time metrics.  Error code 0x80004005"}));
+    EXPECT_EQ(ErrorHeads(),
+              (Texts{L"Failed to collect metric 'quillon|logon_response_timestamp'.  Error code 0x80004005",
+                     L"Failed to write attach time metrics.  Error code 0x80004005"}));
 
     // No sink at all: every write fails the ordinary way, nothing crashes.
     EXPECT_EQ(Collect(nullptr), E_POINTER);

@@ -18,10 +18,10 @@ using test::RecordingLogger;
 std::wstring SystemText(HRESULT code)
 {
     wchar_t* text = nullptr;
-    const DWORD length = ::FormatMessageW(
-        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_SYSTEM, nullptr,
-        static_cast<DWORD>(code), MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0,
-        nullptr);
+    const DWORD length =
+        ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_SYSTEM,
+                         nullptr, static_cast<DWORD>(code), MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
+                         reinterpret_cast<wchar_t*>(&text), 0, nullptr);
     std::wstring result = length != 0 ? std::wstring(text, length) : std::wstring();
     ::LocalFree(text);
     return result;
@@ -46,8 +46,8 @@ TEST(Logging, WritesOnlyEnabledLevelsWithCategoryAndExactText)
     Log(logger.Get(), LogLevel::Warning, L"warning");
     Log(logger.Get(), LogLevel::Info, L"dropped as well");
     EXPECT_EQ(logger->Lines(), (std::vector<test::LogLine>{{LogLevel::Info, L"created metric 'a|b'."},
-                                                          {LogLevel::Error, L"error 2"},
-                                                          {LogLevel::Warning, L"warning"}}));
+                                                           {LogLevel::Error, L"error 2"},
+                                                           {LogLevel::Warning, L"warning"}}));
     EXPECT_EQ(logger->LevelQueries(), 6);
 
     // Formatting this argument would read an invalid address: nothing is formatted for a level
@@ -73,7 +73,8 @@ TEST(Logging, FailureLinesPutTheArgumentsFirstThenTheCodeThenAnySystemText)
     LogFailure(logger.Get(), kNoSystemText, L"Failed to subscribe metric '%s'.", L"m");
     EXPECT_EQ(logger->Texts(),
               (std::vector<std::wstring>{L"Failed to retrieve property 'query' from the configuration.  Error code "
-                                         L"0x8007000e -- " + SystemText(E_OUTOFMEMORY),
+                                         L"0x8007000e -- " +
+                                             SystemText(E_OUTOFMEMORY),
                                          L"Failed to subscribe metric 'm'.  Error code 0xa1b2c3d4."}));
 }
 

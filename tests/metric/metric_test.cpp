@@ -57,8 +57,8 @@ TEST_F(MetricTest, AMissingPropertyIsLoggedAndStopsTheSubscribeThere)
     EXPECT_EQ(noQuery.Subscribe(MakeConfigElement(L"<metric><channel>System</channel></metric>").Get()), kNotFound);
     EXPECT_EQ(noQuery.Channel(), L"System");
     EXPECT_EQ(noQuery.SubscriptionHandle(), nullptr);
-    EXPECT_EQ(logger_->Lines(), (std::vector<LogLine>{
-                                    {LogLevel::Error, L"Property 'channel' was not found in the configuration."},
+    EXPECT_EQ(logger_->Lines(),
+              (std::vector<LogLine>{{LogLevel::Error, L"Property 'channel' was not found in the configuration."},
                                     {LogLevel::Error, L"Property 'query' was not found in the configuration."}}));
     EXPECT_EQ(Counters().opened[EVT_SIM_KIND_SUBSCRIPTION], 0);
 }

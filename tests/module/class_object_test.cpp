@@ -25,7 +25,9 @@ class OuterObject final : public TestComObject<IPersist> {
 public:
     ~OuterObject() override
     {
-        if (inner_ != nullptr) inner_->Release();
+        if (inner_ != nullptr) {
+            inner_->Release();
+        }
     }
     STDMETHODIMP QueryInterface(REFIID riid, void** object) override
     {
@@ -109,7 +111,8 @@ TEST_F(ClassObjectTest, ASessionGivesBackEveryHostReferenceAndLetsTheDllGo)
     const auto sink = Adopt(new RecordingSink());
     const ComPtr<IXMLDOMElement> config = MakeMetricConfig(L"Application", L"*");
     const ULONG configReferences = (config->AddRef(), config->Release());
-    const unique_bstr crash = MakeBstr(L"eventlog|eventlog_appcrash"), layering = MakeBstr(L"eventlog|eventlog_quillon");
+    const unique_bstr crash = MakeBstr(L"eventlog|eventlog_appcrash"),
+                      layering = MakeBstr(L"eventlog|eventlog_quillon");
     {
         ComPtr<IZephDataProvider> provider;
         ASSERT_EQ(Factory()->CreateInstance(nullptr, IID_PPV_ARGS(&provider)), S_OK);

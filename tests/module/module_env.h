@@ -97,14 +97,16 @@ inline void CollectTree(HKEY key, const std::wstring& prefix, std::set<std::wstr
     DWORD nameLength = 0, dataLength = 0, type = 0;
     const auto resetLengths = [&] { nameLength = 16384, dataLength = 65536; };
     for (DWORD i = 0; resetLengths(), ::RegEnumValueW(key, i, name.data(), &nameLength, nullptr, &type, data.data(),
-                                                      &dataLength) == ERROR_SUCCESS; ++i) {
+                                                      &dataLength) == ERROR_SUCCESS;
+         ++i) {
         const std::wstring text(reinterpret_cast<const wchar_t*>(data.data()), dataLength / sizeof(wchar_t));
-        const std::wstring shown = type == REG_SZ ? L" = " + text.substr(0, text.find(L'\0'))
-                                                  : L" <type " + std::to_wstring(type) + L">";
+        const std::wstring shown =
+            type == REG_SZ ? L" = " + text.substr(0, text.find(L'\0')) : L" <type " + std::to_wstring(type) + L">";
         lines.insert(prefix + L" [" + (nameLength == 0 ? L"@" : std::wstring(name.data(), nameLength)) + L"]" + shown);
     }
-    for (DWORD i = 0; resetLengths(), ::RegEnumKeyExW(key, i, name.data(), &nameLength, nullptr, nullptr, nullptr,
-                                                      nullptr) == ERROR_SUCCESS; ++i) {
+    for (DWORD i = 0; resetLengths(),
+               ::RegEnumKeyExW(key, i, name.data(), &nameLength, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
+         ++i) {
         const std::wstring child(name.data(), nameLength), childPath = prefix.empty() ? child : prefix + L"\\" + child;
         lines.insert(childPath);
         unique_hkey sub;

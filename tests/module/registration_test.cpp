@@ -38,7 +38,9 @@ Lines Registered(const std::wstring& dllPath)
         clsid + L"\\InprocServer32 [ThreadingModel] = Both",
         clsid + L"\\TypeLib [@] = {BA21C1A6-3183-4E99-A464-6DF4178B7249}",
     };
-    for (const std::wstring& line : Lines(lines)) lines.insert(line.substr(0, line.find(L" [")));
+    for (const std::wstring& line : Lines(lines)) {
+        lines.insert(line.substr(0, line.find(L" [")));
+    }
     return lines;
 }
 
@@ -65,7 +67,9 @@ protected:
     static std::wstring TypeLibPath(HKEY root)
     {
         for (const std::wstring& line : RegistryTree(root, kTypeLibKey)) {
-            if (line.starts_with(L"1.0\\0\\win64 [@] = ")) return line.substr(line.find(L" = ") + 3);
+            if (line.starts_with(L"1.0\\0\\win64 [@] = ")) {
+                return line.substr(line.find(L" = ") + 3);
+            }
         }
         return {};
     }

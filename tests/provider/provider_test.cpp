@@ -77,7 +77,8 @@ protected:
     ComPtr<RecordingLogger> logger_ = Adopt(new RecordingLogger(0x7));
     ComPtr<CountingHostContext> context_ = Adopt(new CountingHostContext());
     ComPtr<RecordingSink> sink_ = Adopt(new RecordingSink());
-    ComPtr<IXMLDOMElement> config_ = MakeMetricConfig(L"Application", L"*[System[Provider[@Name='Application Error']]]");
+    ComPtr<IXMLDOMElement> config_ =
+        MakeMetricConfig(L"Application", L"*[System[Provider[@Name='Application Error']]]");
     std::vector<unique_bstr> strings_;
     LONG locksBefore_ = 0;
 };
@@ -85,8 +86,8 @@ protected:
 TEST_F(ProviderTest, SubscribeQueryUnsubscribeLogEachStepWithExactKeysAndCaseInsensitiveNames)
 {
     Connect();
-    for (const wchar_t* name : {L"eventlog|other", L"eventlog|eventlog_appcrashx", L"eventlog|eventlog_quillox", L"",
-                                L"eventlog|"}) {
+    for (const wchar_t* name :
+         {L"eventlog|other", L"eventlog|eventlog_appcrashx", L"eventlog|eventlog_quillox", L"", L"eventlog|"}) {
         EXPECT_EQ(Subscribe(name), S_OK) << name;
     }
     EXPECT_TRUE(logger_->Lines().empty()) << "an unknown name creates and logs nothing";
@@ -138,9 +139,10 @@ TEST_F(ProviderTest, FailedSubscribeLogsTheErrorTextDropsTheMetricAndReturnsItsR
     EXPECT_EQ(logger_->Lines(),
               (std::vector<LogLine>{{LogLevel::Info, L"created metric 'eventlog|eventlog_quillon'."},
                                     {LogLevel::Error, L"Property 'channel' was not found in the configuration."},
-                                    {LogLevel::Error, L"Failed to subscribe metric 'eventlog|eventlog_quillon'.  "
-                                                      L"Error code 0x80070490 -- " +
-                                                          std::wstring(notFound.systemText.get())}}));
+                                    {LogLevel::Error,
+                                     L"Failed to subscribe metric 'eventlog|eventlog_quillon'.  "
+                                     L"Error code 0x80070490 -- " +
+                                         std::wstring(notFound.systemText.get())}}));
     logger_->Clear();
     EXPECT_EQ(Query(kQuillonMetricName, nullptr), S_OK);
     EXPECT_EQ(logger_->Texts(), Texts{L"Metric 'eventlog|eventlog_quillon' should be queried from internal metric."});
@@ -214,8 +216,10 @@ TEST_F(ProviderTest, ExceptionsFromMetricsAndTheFactoryBecomeHResults)
     EXPECT_EQ(provider_->QueryMetricToSink(Bstr(L"test|oom"), 0, nullptr), E_OUTOFMEMORY);
 
     static_cast<CProvider*>(provider_.Get())
-        ->UseMetricFactory([](const wchar_t*, ComPtr<IProviderLogger>, ComPtr<IProviderHostContext>)
-                               -> std::shared_ptr<CMetric> { throw HResultError(E_ACCESSDENIED); });
+        ->UseMetricFactory(
+            [](const wchar_t*, ComPtr<IProviderLogger>, ComPtr<IProviderHostContext>) -> std::shared_ptr<CMetric> {
+                throw HResultError(E_ACCESSDENIED);
+            });
     EXPECT_EQ(Subscribe(L"test|denied"), E_ACCESSDENIED);
 }
 

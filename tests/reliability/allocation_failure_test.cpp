@@ -39,7 +39,7 @@ std::atomic<Target> g_target{Target::None};
 std::atomic<DWORD> g_thread{0};
 std::atomic<long> g_counted{0};
 std::atomic<long> g_failAt{0};
-std::atomic<long> g_live{0};    // blocks not yet freed, on every thread
+std::atomic<long> g_live{0};  // blocks not yet freed, on every thread
 
 bool FailsHere() noexcept
 {
@@ -110,15 +110,42 @@ void* operator new(std::size_t size)
     void* block = Allocate(size);
     return block != nullptr ? block : throw std::bad_alloc();
 }
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
-void operator delete(void* block) noexcept { Free(block); }
-void operator delete[](void* block) noexcept { Free(block); }
-void operator delete(void* block, std::size_t) noexcept { Free(block); }
-void operator delete[](void* block, std::size_t) noexcept { Free(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { Free(block); }
-void operator delete[](void* block, const std::nothrow_t&) noexcept { Free(block); }
+void* operator new[](std::size_t size)
+{
+    return operator new(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    return Allocate(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
+{
+    return Allocate(size);
+}
+void operator delete(void* block) noexcept
+{
+    Free(block);
+}
+void operator delete[](void* block) noexcept
+{
+    Free(block);
+}
+void operator delete(void* block, std::size_t) noexcept
+{
+    Free(block);
+}
+void operator delete[](void* block, std::size_t) noexcept
+{
+    Free(block);
+}
+void operator delete(void* block, const std::nothrow_t&) noexcept
+{
+    Free(block);
+}
+void operator delete[](void* block, const std::nothrow_t&) noexcept
+{
+    Free(block);
+}
 
 namespace zeph {
 namespace {
@@ -172,7 +199,9 @@ Values CycleValues(std::vector<int> steps, int copies = 1)
     }
     values.push_back(L"quillon|mgr quillon|mgr manager.zeph.test");
     for (int copy = 0; copy < copies; ++copy) {
-        if (copy == 0) values.push_back(L"quillon|instances quillon|instances true");
+        if (copy == 0) {
+            values.push_back(L"quillon|instances quillon|instances true");
+        }
         values.insert(values.end(),
                       {L"quillon|instances|* id-1 C:\\T\\one.vhdx", L"quillon|instances|* id-2 C:\\T\\two.vhdx"});
     }
@@ -225,7 +254,9 @@ struct Session {
         for (int step = 0; step < 4; ++step) {
             const auto deliver = [&] { return Layering(messages[step], kStep[step]); };
             step == armedStep ? Armed(Target::OtherThreads, deliver) : deliver();
-            if (step == 0) service.AppendLog(std::wstring(L"Manager status 200 response\r\n") + kMounts);
+            if (step == 0) {
+                service.AppendLog(std::wstring(L"Manager status 200 response\r\n") + kMounts);
+            }
         }
     }
     // The layering metric reports one of the outcomes.
@@ -331,8 +362,14 @@ void SubscribeLayering(Session& s)
 {
     EXPECT_EQ(s.provider->SubscribeMetric(s.layering.get(), s.config.layering.Get()), S_OK);
 }
-void LoggedOn(Session& s) { SubscribeLayering(s), s.Cycle(-1, true); }
-void SecondPending(Session& s) { s.Crash(kCrashes, L"pending 2"); }
+void LoggedOn(Session& s)
+{
+    SubscribeLayering(s), s.Cycle(-1, true);
+}
+void SecondPending(Session& s)
+{
+    s.Crash(kCrashes, L"pending 2");
+}
 void Nothing(Session&) {}
 void SecondReported(Session& s, HRESULT)
 {
@@ -346,13 +383,14 @@ std::vector<EntryPoint> EntryPoints()
         {"SubscribeMetric, crashes", Nothing,
          OnHostThread([](Session& s) { return s.provider->SubscribeMetric(s.other.get(), s.config.fresh.Get()); }),
          [](Session& s, HRESULT result) {
-             if (FAILED(result)) return NotAnnounced(s, s.other.get());
+             if (FAILED(result)) {
+                 return NotAnnounced(s, s.other.get());
+             }
              s.Crash(kFresh, L"later");
              EXPECT_EQ(s.Query(s.other.get()), S_OK);
              EXPECT_EQ(s.Reported(Detail(L"later")), 1u);
          }},
-        {"SubscribeMetric, layering", Nothing,
-         OnHostThread([](Session& s) {
+        {"SubscribeMetric, layering", Nothing, OnHostThread([](Session& s) {
              return s.provider->SubscribeMetric(s.layering.get(), s.config.layering.Get());
          }),
          [](Session& s, HRESULT hr) { FAILED(hr) ? NotAnnounced(s, s.layering.get()) : s.ExpectLayeringWorks(); }},
@@ -360,7 +398,9 @@ std::vector<EntryPoint> EntryPoints()
          OnHostThread([](Session& s) { return s.Query(s.crash.get()); }), SecondReported},
         {"QueryMetric, layering, log-on with Tesseras", LoggedOn,
          OnHostThread([](Session& s) { return s.Query(s.layering.get()); }),
-         [](Session& s, HRESULT) { s.ExpectLayering({CycleValues({0, 1, 2, 3})}); }},
+         [](Session& s, HRESULT) {
+             s.ExpectLayering({CycleValues({0, 1, 2, 3})});
+         }},
         {"UnsubscribeMetric", SubscribeLayering,
          OnHostThread([](Session& s) { return s.provider->UnsubscribeMetric(s.layering.get()); }),
          [](Session& s, HRESULT) {
@@ -440,20 +480,22 @@ TEST(AllocationFailureTest, DispatchWhileLoadingTypeInformationIsOutOfMemory)
     EXPECT_EQ(Armed(Target::ThisThread, [&] { return object.GetTypeInfo(0, LOCALE_USER_DEFAULT, &info); }),
               E_OUTOFMEMORY);
     EXPECT_EQ(info, nullptr);
-    EXPECT_EQ(Armed(Target::ThisThread,
-                    [&] { return object.GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id); }),
-              E_OUTOFMEMORY);
+    EXPECT_EQ(
+        Armed(Target::ThisThread, [&] { return object.GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id); }),
+        E_OUTOFMEMORY);
     EXPECT_EQ(Armed(Target::ThisThread,
                     [&] {
-                        return object.Invoke(1, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &none, nullptr,
-                                             nullptr, nullptr);
+                        return object.Invoke(1, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &none, nullptr, nullptr,
+                                             nullptr);
                     }),
               E_OUTOFMEMORY);
 }
 
 TEST(AllocationFailureTest, EveryAllocationOfEveryEntryPointFailsCleanly)
 {
-    for (const wchar_t* channel : {kCrashes, kFresh, kLayering}) ASSERT_EQ(::EvtSimAddChannel(channel), 0u);
+    for (const wchar_t* channel : {kCrashes, kFresh, kLayering}) {
+        ASSERT_EQ(::EvtSimAddChannel(channel), 0u);
+    }
     ServiceInstall service;
     for (const wchar_t* key : {L"System\\CurrentControlSet\\Control\\ComputerName\\ComputerName",
                                L"System\\CurrentControlSet\\Control\\ComputerName\\ActiveComputerName"}) {

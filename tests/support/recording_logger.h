@@ -35,7 +35,9 @@ public:
     std::vector<std::wstring> Texts() const
     {
         std::vector<std::wstring> texts;
-        for (const LogLine& line : Lines()) texts.push_back(line.text);
+        for (const LogLine& line : Lines()) {
+            texts.push_back(line.text);
+        }
         return texts;
     }
     void Clear()

@@ -17,9 +17,9 @@ struct SinkWrite {
     std::wstring key;
     std::wstring name;
     VARTYPE type = VT_EMPTY;
-    std::wstring text;         // VT_BSTR values
-    ULONGLONG number = 0;      // VT_UI8 values
-    HRESULT result = S_OK;     // what the sink answered
+    std::wstring text;      // VT_BSTR values
+    ULONGLONG number = 0;   // VT_UI8 values
+    HRESULT result = S_OK;  // what the sink answered
 };
 
 class RecordingSink final : public TestDispatchObject<IMetricValueSink> {

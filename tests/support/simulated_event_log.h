@@ -12,8 +12,7 @@
 namespace zeph::test {
 
 // FILETIME (as a 64-bit count) of a UTC date and time.
-inline ULONGLONG FileTimeOf(WORD year, WORD month, WORD day, WORD hour, WORD minute, WORD second,
-                            WORD milliseconds = 0)
+inline ULONGLONG FileTimeOf(WORD year, WORD month, WORD day, WORD hour, WORD minute, WORD second, WORD milliseconds = 0)
 {
     const SYSTEMTIME utc = {year, month, 0, day, hour, minute, second, milliseconds};
     FILETIME time = {};

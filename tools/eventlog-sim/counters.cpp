@@ -2,7 +2,8 @@
 
 namespace evtsim {
 
-EVT_SIM_COUNTERS Counters::Snapshot() const {
+EVT_SIM_COUNTERS Counters::Snapshot() const
+{
     EVT_SIM_COUNTERS out{};
     for (int k = 0; k < EVT_SIM_KIND_COUNT; ++k) {
         out.opened[k] = opened[k].load();
@@ -17,7 +18,8 @@ EVT_SIM_COUNTERS Counters::Snapshot() const {
     return out;
 }
 
-void Counters::Reset() {
+void Counters::Reset()
+{
     for (int k = 0; k < EVT_SIM_KIND_COUNT; ++k) {
         opened[k] = 0;
         closed[k] = 0;
@@ -30,7 +32,8 @@ void Counters::Reset() {
     deliveriesAfterClose = 0;
 }
 
-Counters& GlobalCounters() {
+Counters& GlobalCounters()
+{
     // Never destroyed: delivery threads may still touch it while the process exits.
     static Counters* counters = new Counters;
     return *counters;

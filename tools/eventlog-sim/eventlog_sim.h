@@ -18,17 +18,17 @@ extern "C" {
 
 // Event flags for EVT_SIM_EVENT::flags.
 #define EVT_SIM_UNFORMATTABLE 0x1u  // EvtFormatMessage fails with 15027 (ERROR_EVT_MESSAGE_NOT_FOUND)
-#define EVT_SIM_NO_TIME       0x2u  // "Event/System/TimeCreated/@SystemTime" renders as EvtVarTypeNull
-#define EVT_SIM_NO_EVENT_ID   0x4u  // "Event/System/EventID" renders as EvtVarTypeNull
+#define EVT_SIM_NO_TIME 0x2u        // "Event/System/TimeCreated/@SystemTime" renders as EvtVarTypeNull
+#define EVT_SIM_NO_EVENT_ID 0x4u    // "Event/System/EventID" renders as EvtVarTypeNull
 
 typedef struct EVT_SIM_EVENT {
-    LPCWSTR channel;       // must exist ("Application", "System", or added with EvtSimAddChannel)
-    LPCWSTR publisher;     // provider name; also becomes known to EvtOpenPublisherMetadata
+    LPCWSTR channel;    // must exist ("Application", "System", or added with EvtSimAddChannel)
+    LPCWSTR publisher;  // provider name; also becomes known to EvtOpenPublisherMetadata
     USHORT eventId;
-    ULONGLONG timeCreated; // FILETIME as a 64-bit count of 100 ns units since 1601-01-01 UTC
-    LPCWSTR message;       // the event's own message, returned by EvtFormatMessage with its
-                           // publisher's metadata or none (may be empty, never NULL)
-    DWORD flags;           // EVT_SIM_* flags
+    ULONGLONG timeCreated;  // FILETIME as a 64-bit count of 100 ns units since 1601-01-01 UTC
+    LPCWSTR message;        // the event's own message, returned by EvtFormatMessage with its
+                            // publisher's metadata or none (may be empty, never NULL)
+    DWORD flags;            // EVT_SIM_* flags
 } EVT_SIM_EVENT;
 
 // An event as Windows stores it: its data (insertion strings, %1 to %n of the publisher's

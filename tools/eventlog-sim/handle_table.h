@@ -18,7 +18,7 @@ class HandleTable {
 public:
     enum class CloseResult {
         Closed,
-        AlreadyClosed,     // handed out earlier and closed since
+        AlreadyClosed,  // handed out earlier and closed since
         NeverIssued,
         OwnedBySimulator,  // an EVENT handle: the simulator closes it after the callback
     };
@@ -27,7 +27,8 @@ public:
 
     // The object behind an open handle of this kind, else null.
     template <class T>
-    std::shared_ptr<T> Find(EVT_HANDLE handle, EVT_SIM_HANDLE_KIND kind) const {
+    std::shared_ptr<T> Find(EVT_HANDLE handle, EVT_SIM_HANDLE_KIND kind) const
+    {
         return std::static_pointer_cast<T>(FindObject(handle, kind));
     }
 

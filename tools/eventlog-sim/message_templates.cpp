@@ -19,42 +19,55 @@ const wchar_t kApplicationErrorTemplate[] =
     L"Faulting package full name: %14\r\n"
     L"Faulting package-relative application ID: %15";
 
-MessageTemplates::MessageTemplates() {
+MessageTemplates::MessageTemplates()
+{
     // Registered on every Windows desktop, so known before any of its events is written.
     Set(FoldCase(L"Application Error"), 1000, kApplicationErrorTemplate);
 }
 
-void MessageTemplates::Set(const std::wstring& publisherKey, USHORT eventId, std::wstring text) {
+void MessageTemplates::Set(const std::wstring& publisherKey, USHORT eventId, std::wstring text)
+{
     std::unique_lock lock(mutex_);
     byPublisher_[publisherKey][eventId] = std::move(text);
 }
 
-std::optional<std::wstring> MessageTemplates::Find(const std::wstring& publisherKey, USHORT eventId) const {
+std::optional<std::wstring> MessageTemplates::Find(const std::wstring& publisherKey, USHORT eventId) const
+{
     std::shared_lock lock(mutex_);
     const auto publisher = byPublisher_.find(publisherKey);
-    if (publisher == byPublisher_.end()) return std::nullopt;
+    if (publisher == byPublisher_.end()) {
+        return std::nullopt;
+    }
     const auto text = publisher->second.find(eventId);
-    if (text == publisher->second.end()) return std::nullopt;
+    if (text == publisher->second.end()) {
+        return std::nullopt;
+    }
     return text->second;
 }
 
-bool MessageTemplates::KnowsPublisher(const std::wstring& publisherKey) const {
+bool MessageTemplates::KnowsPublisher(const std::wstring& publisherKey) const
+{
     std::shared_lock lock(mutex_);
     return byPublisher_.count(publisherKey) != 0;
 }
 
-MessageTemplates& Templates() {
+MessageTemplates& Templates()
+{
     static MessageTemplates* templates = new MessageTemplates;  // outlives delivery threads
     return *templates;
 }
 
 namespace {
 
-bool IsDigit(wchar_t c) { return c >= L'0' && c <= L'9'; }
+bool IsDigit(wchar_t c)
+{
+    return c >= L'0' && c <= L'9';
+}
 
 }  // namespace
 
-DWORD ExpandTemplate(const std::wstring& text, const std::vector<std::wstring>& insertions, std::wstring* message) {
+DWORD ExpandTemplate(const std::wstring& text, const std::vector<std::wstring>& insertions, std::wstring* message)
+{
     DWORD result = ERROR_SUCCESS;
     std::wstring out;
     out.reserve(text.size());
@@ -67,9 +80,13 @@ DWORD ExpandTemplate(const std::wstring& text, const std::vector<std::wstring>& 
         if (next == L'%') {
             if (i + 2 < text.size() && IsDigit(text[i + 2])) {
                 size_t end = i + 2;
-                while (end < text.size() && IsDigit(text[end])) ++end;
+                while (end < text.size() && IsDigit(text[end])) {
+                    ++end;
+                }
                 out.append(text, i, end - i);
-                if (result == ERROR_SUCCESS) result = ERROR_EVT_UNRESOLVED_PARAMETER_INSERT;
+                if (result == ERROR_SUCCESS) {
+                    result = ERROR_EVT_UNRESOLVED_PARAMETER_INSERT;
+                }
                 i = end;
             } else {
                 out += L'%';
@@ -83,13 +100,17 @@ DWORD ExpandTemplate(const std::wstring& text, const std::vector<std::wstring>& 
         }
         // One or two digits, as the message formatter reads them: %100 is %10 then "0".
         size_t end = i + 2;
-        if (end < text.size() && IsDigit(text[end])) ++end;
+        if (end < text.size() && IsDigit(text[end])) {
+            ++end;
+        }
         const size_t number = std::stoul(text.substr(i + 1, end - i - 1));
         if (number <= insertions.size()) {
             out += insertions[number - 1];
         } else {
             out.append(text, i, end - i);
-            if (result == ERROR_SUCCESS) result = ERROR_EVT_UNRESOLVED_VALUE_INSERT;
+            if (result == ERROR_SUCCESS) {
+                result = ERROR_EVT_UNRESOLVED_VALUE_INSERT;
+            }
         }
         i = end;
     }

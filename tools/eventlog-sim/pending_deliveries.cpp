@@ -4,7 +4,8 @@
 
 namespace evtsim {
 
-void PendingDeliveries::Done(std::int64_t n) {
+void PendingDeliveries::Done(std::int64_t n)
+{
     if (n != 0 && count_.fetch_sub(n) == n) {
         // Taking the mutex orders this notify after a waiter's check of the count.
         std::lock_guard lock(mutex_);
@@ -12,7 +13,8 @@ void PendingDeliveries::Done(std::int64_t n) {
     }
 }
 
-bool PendingDeliveries::WaitIdle(DWORD timeoutMs) {
+bool PendingDeliveries::WaitIdle(DWORD timeoutMs)
+{
     std::unique_lock lock(mutex_);
     auto idle = [this] { return count_.load() == 0; };
     if (timeoutMs == INFINITE) {
@@ -22,7 +24,8 @@ bool PendingDeliveries::WaitIdle(DWORD timeoutMs) {
     return idle_.wait_for(lock, std::chrono::milliseconds(timeoutMs), idle);
 }
 
-PendingDeliveries& Pending() {
+PendingDeliveries& Pending()
+{
     static PendingDeliveries* pending = new PendingDeliveries;  // outlives delivery threads
     return *pending;
 }

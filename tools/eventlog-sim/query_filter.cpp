@@ -14,16 +14,25 @@ class Parser {
 public:
     explicit Parser(std::wstring_view text) : text_(text) {}
 
-    std::optional<std::optional<Node>> ParseQuery() {
-        if (!Eat(L"*")) return std::nullopt;
+    std::optional<std::optional<Node>> ParseQuery()
+    {
+        if (!Eat(L"*")) {
+            return std::nullopt;
+        }
         std::optional<Node> root;
         if (Eat(L"[")) {
-            if (!EatWord(L"System") || !Eat(L"[")) return std::nullopt;
+            if (!EatWord(L"System") || !Eat(L"[")) {
+                return std::nullopt;
+            }
             root = ParseOr();
-            if (!root || !Eat(L"]") || !Eat(L"]")) return std::nullopt;
+            if (!root || !Eat(L"]") || !Eat(L"]")) {
+                return std::nullopt;
+            }
         }
         SkipSpace();
-        if (pos_ != text_.size()) return std::nullopt;
+        if (pos_ != text_.size()) {
+            return std::nullopt;
+        }
         return root;
     }
 
@@ -31,34 +40,48 @@ private:
     std::optional<Node> ParseOr() { return ParseList(Node::Kind::Or, L"or", &Parser::ParseAnd); }
     std::optional<Node> ParseAnd() { return ParseList(Node::Kind::And, L"and", &Parser::ParsePrimary); }
 
-    std::optional<Node> ParseList(Node::Kind kind, std::wstring_view op, std::optional<Node> (Parser::*item)()) {
+    std::optional<Node> ParseList(Node::Kind kind, std::wstring_view op, std::optional<Node> (Parser::*item)())
+    {
         std::optional<Node> first = (this->*item)();
-        if (!first) return std::nullopt;
-        if (!PeekWord(op)) return first;
+        if (!first) {
+            return std::nullopt;
+        }
+        if (!PeekWord(op)) {
+            return first;
+        }
         Node list;
         list.kind = kind;
         list.children.push_back(std::move(*first));
         while (EatWord(op)) {
             std::optional<Node> next = (this->*item)();
-            if (!next) return std::nullopt;
+            if (!next) {
+                return std::nullopt;
+            }
             list.children.push_back(std::move(*next));
         }
         return list;
     }
 
-    std::optional<Node> ParsePrimary() {
+    std::optional<Node> ParsePrimary()
+    {
         if (Eat(L"(")) {
             // Bounded nesting keeps a hostile query from exhausting the stack.
-            if (++depth_ > kMaxDepth) return std::nullopt;
+            if (++depth_ > kMaxDepth) {
+                return std::nullopt;
+            }
             std::optional<Node> inner = ParseOr();
             --depth_;
-            if (!inner || !Eat(L")")) return std::nullopt;
+            if (!inner || !Eat(L")")) {
+                return std::nullopt;
+            }
             return inner;
         }
         Node node;
         if (EatWord(L"EventID")) {
             node.kind = Node::Kind::EventId;
-            if (!Eat(L"=") || !ParseNumber(&node.eventId)) return std::nullopt;
+            if (!Eat(L"=") || !ParseNumber(&node.eventId)) {
+                return std::nullopt;
+            }
             return node;
         }
         if (EatWord(L"Provider")) {
@@ -73,50 +96,70 @@ private:
         return std::nullopt;
     }
 
-    bool ParseNumber(std::uint32_t* value) {
+    bool ParseNumber(std::uint32_t* value)
+    {
         SkipSpace();
         std::uint64_t n = 0;
         const size_t start = pos_;
         while (pos_ < text_.size() && text_[pos_] >= L'0' && text_[pos_] <= L'9') {
             n = n * 10 + static_cast<std::uint64_t>(text_[pos_] - L'0');
-            if (n > 0xffffffffu) return false;
+            if (n > 0xffffffffu) {
+                return false;
+            }
             ++pos_;
         }
         *value = static_cast<std::uint32_t>(n);
         return pos_ != start;
     }
 
-    bool ParseString(std::wstring* value) {
+    bool ParseString(std::wstring* value)
+    {
         SkipSpace();
-        if (pos_ >= text_.size() || (text_[pos_] != L'\'' && text_[pos_] != L'"')) return false;
+        if (pos_ >= text_.size() || (text_[pos_] != L'\'' && text_[pos_] != L'"')) {
+            return false;
+        }
         const size_t close = text_.find(text_[pos_], pos_ + 1);
-        if (close == std::wstring_view::npos) return false;
+        if (close == std::wstring_view::npos) {
+            return false;
+        }
         value->assign(text_.substr(pos_ + 1, close - pos_ - 1));
         pos_ = close + 1;
         return true;
     }
 
-    void SkipSpace() {
-        while (pos_ < text_.size() && std::iswspace(text_[pos_])) ++pos_;
+    void SkipSpace()
+    {
+        while (pos_ < text_.size() && std::iswspace(text_[pos_])) {
+            ++pos_;
+        }
     }
 
-    bool Eat(std::wstring_view token) {
+    bool Eat(std::wstring_view token)
+    {
         SkipSpace();
-        if (text_.substr(pos_, token.size()) != token) return false;
+        if (text_.substr(pos_, token.size()) != token) {
+            return false;
+        }
         pos_ += token.size();
         return true;
     }
 
     // A keyword must not run on into a longer name ("order" is not "or").
-    bool PeekWord(std::wstring_view word) {
+    bool PeekWord(std::wstring_view word)
+    {
         SkipSpace();
-        if (text_.substr(pos_, word.size()) != word) return false;
+        if (text_.substr(pos_, word.size()) != word) {
+            return false;
+        }
         const size_t end = pos_ + word.size();
         return end == text_.size() || !(std::iswalnum(text_[end]) || text_[end] == L'_');
     }
 
-    bool EatWord(std::wstring_view word) {
-        if (!PeekWord(word)) return false;
+    bool EatWord(std::wstring_view word)
+    {
+        if (!PeekWord(word)) {
+            return false;
+        }
         pos_ += word.size();
         return true;
     }
@@ -127,7 +170,8 @@ private:
     int depth_ = 0;
 };
 
-bool Evaluate(const Node& node, std::wstring_view publisherKey, USHORT eventId) {
+bool Evaluate(const Node& node, std::wstring_view publisherKey, USHORT eventId)
+{
     switch (node.kind) {
     case Node::Kind::Provider:
         return node.providerKey == publisherKey;
@@ -135,12 +179,16 @@ bool Evaluate(const Node& node, std::wstring_view publisherKey, USHORT eventId) 
         return node.eventId == eventId;
     case Node::Kind::And:
         for (const Node& child : node.children) {
-            if (!Evaluate(child, publisherKey, eventId)) return false;
+            if (!Evaluate(child, publisherKey, eventId)) {
+                return false;
+            }
         }
         return true;
     case Node::Kind::Or:
         for (const Node& child : node.children) {
-            if (Evaluate(child, publisherKey, eventId)) return true;
+            if (Evaluate(child, publisherKey, eventId)) {
+                return true;
+            }
         }
         return false;
     }
@@ -149,16 +197,22 @@ bool Evaluate(const Node& node, std::wstring_view publisherKey, USHORT eventId) 
 
 }  // namespace
 
-std::optional<QueryFilter> QueryFilter::Parse(const wchar_t* query) {
+std::optional<QueryFilter> QueryFilter::Parse(const wchar_t* query)
+{
     QueryFilter filter;
-    if (query == nullptr) return filter;
+    if (query == nullptr) {
+        return filter;
+    }
     std::optional<std::optional<Node>> root = Parser(query).ParseQuery();
-    if (!root) return std::nullopt;
+    if (!root) {
+        return std::nullopt;
+    }
     filter.root_ = std::move(*root);
     return filter;
 }
 
-bool QueryFilter::Matches(std::wstring_view publisherKey, USHORT eventId) const {
+bool QueryFilter::Matches(std::wstring_view publisherKey, USHORT eventId) const
+{
     return !root_ || Evaluate(*root_, publisherKey, eventId);
 }
 

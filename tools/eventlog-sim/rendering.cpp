@@ -9,7 +9,8 @@
 
 namespace evtsim {
 
-RenderContext RenderContext::FromPaths(DWORD count, LPCWSTR* paths) {
+RenderContext RenderContext::FromPaths(DWORD count, LPCWSTR* paths)
+{
     RenderContext context;
     context.fields.reserve(count);
     for (DWORD i = 0; i < count; ++i) {
@@ -32,27 +33,36 @@ RenderContext RenderContext::FromPaths(DWORD count, LPCWSTR* paths) {
 
 namespace {
 
-const std::wstring* StringField(RenderContext::Field field, const EventRecord& event) {
+const std::wstring* StringField(RenderContext::Field field, const EventRecord& event)
+{
     switch (field) {
-    case RenderContext::Field::Provider: return &event.publisher;
-    case RenderContext::Field::Channel: return &event.channel;
-    default: return nullptr;
+    case RenderContext::Field::Provider:
+        return &event.publisher;
+    case RenderContext::Field::Channel:
+        return &event.channel;
+    default:
+        return nullptr;
     }
 }
 
 }  // namespace
 
 DWORD RenderValues(const RenderContext& context, const EventRecord& event, DWORD bufferSize, void* buffer,
-                   DWORD* bufferUsed, DWORD* propertyCount) {
+                   DWORD* bufferUsed, DWORD* propertyCount)
+{
     const DWORD count = static_cast<DWORD>(context.fields.size());
     // The strings follow the array, in the same buffer: the size asked for counts them, in bytes.
     size_t needed = count * sizeof(EVT_VARIANT);
     for (RenderContext::Field field : context.fields) {
-        if (const std::wstring* text = StringField(field, event)) needed += (text->size() + 1) * sizeof(wchar_t);
+        if (const std::wstring* text = StringField(field, event)) {
+            needed += (text->size() + 1) * sizeof(wchar_t);
+        }
     }
     *bufferUsed = static_cast<DWORD>(needed);
     *propertyCount = count;
-    if (buffer == nullptr || bufferSize < needed) return ERROR_INSUFFICIENT_BUFFER;
+    if (buffer == nullptr || bufferSize < needed) {
+        return ERROR_INSUFFICIENT_BUFFER;
+    }
 
     BYTE* strings = static_cast<BYTE*>(buffer) + count * sizeof(EVT_VARIANT);
     for (DWORD i = 0; i < count; ++i) {
@@ -91,11 +101,16 @@ DWORD RenderValues(const RenderContext& context, const EventRecord& event, DWORD
     return ERROR_SUCCESS;
 }
 
-DWORD FormatEventMessage(const PublisherMetadata* metadata, const EventRecord& event, DWORD bufferSize,
-                         LPWSTR buffer, DWORD* bufferUsed) {
-    if (event.flags & EVT_SIM_UNFORMATTABLE) return ERROR_EVT_MESSAGE_NOT_FOUND;
+DWORD FormatEventMessage(const PublisherMetadata* metadata, const EventRecord& event, DWORD bufferSize, LPWSTR buffer,
+                         DWORD* bufferUsed)
+{
+    if (event.flags & EVT_SIM_UNFORMATTABLE) {
+        return ERROR_EVT_MESSAGE_NOT_FOUND;
+    }
     // Another publisher's metadata holds no message for this event.
-    if (metadata != nullptr && metadata->publisherKey != event.publisherKey) return ERROR_EVT_MESSAGE_NOT_FOUND;
+    if (metadata != nullptr && metadata->publisherKey != event.publisherKey) {
+        return ERROR_EVT_MESSAGE_NOT_FOUND;
+    }
 
     std::wstring message;
     DWORD result = ERROR_SUCCESS;
@@ -110,9 +125,13 @@ DWORD FormatEventMessage(const PublisherMetadata* metadata, const EventRecord& e
     }
 
     const size_t needed = message.size() + 1;
-    if (needed > MAXDWORD) return ERROR_EVT_MESSAGE_NOT_FOUND;
+    if (needed > MAXDWORD) {
+        return ERROR_EVT_MESSAGE_NOT_FOUND;
+    }
     *bufferUsed = static_cast<DWORD>(needed);
-    if (buffer == nullptr || bufferSize < needed) return ERROR_INSUFFICIENT_BUFFER;
+    if (buffer == nullptr || bufferSize < needed) {
+        return ERROR_INSUFFICIENT_BUFFER;
+    }
     std::memcpy(buffer, message.c_str(), needed * sizeof(wchar_t));
     return result;
 }

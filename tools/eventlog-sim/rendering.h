@@ -37,7 +37,7 @@ DWORD RenderValues(const RenderContext& context, const EventRecord& event, DWORD
 // Returns ERROR_SUCCESS, ERROR_INSUFFICIENT_BUFFER, ERROR_EVT_MESSAGE_NOT_FOUND, or (with
 // the whole text in the buffer) ERROR_EVT_UNRESOLVED_VALUE_INSERT or
 // ERROR_EVT_UNRESOLVED_PARAMETER_INSERT.
-DWORD FormatEventMessage(const PublisherMetadata* metadata, const EventRecord& event, DWORD bufferSize,
-                         LPWSTR buffer, DWORD* bufferUsed);
+DWORD FormatEventMessage(const PublisherMetadata* metadata, const EventRecord& event, DWORD bufferSize, LPWSTR buffer,
+                         DWORD* bufferUsed);
 
 }  // namespace evtsim

@@ -11,7 +11,8 @@ namespace {
 
 // Delivery threads are detached and may still be leaving our code after EvtClose returns,
 // so the DLL must never be unloaded once one has started.
-void PinModule() {
+void PinModule()
+{
     static std::once_flag once;
     std::call_once(once, [] {
         HMODULE self;
@@ -23,26 +24,33 @@ void PinModule() {
 }  // namespace
 
 Subscription::Subscription(QueryFilter filter, PVOID context, EVT_SUBSCRIBE_CALLBACK callback)
-    : filter_(std::move(filter)), context_(context), callback_(callback) {}
+    : filter_(std::move(filter)), context_(context), callback_(callback)
+{
+}
 
-void Subscription::Start() {
+void Subscription::Start()
+{
     PinModule();
     // Detached rather than joined: EvtClose may run under a loader lock (a DLL's detach),
     // where waiting for a thread to exit would deadlock. The thread holds its own reference.
     std::thread([self = shared_from_this()] { self->Run(); }).detach();
 }
 
-void Subscription::Enqueue(Delivery delivery) {
+void Subscription::Enqueue(Delivery delivery)
+{
     {
         std::lock_guard lock(mutex_);
-        if (closed_) return;
+        if (closed_) {
+            return;
+        }
         queue_.push_back(std::move(delivery));
         Pending().Add();
     }
     wake_.notify_one();
 }
 
-void Subscription::Close() {
+void Subscription::Close()
+{
     std::deque<Delivery> dropped;  // released outside the lock
     {
         std::unique_lock lock(mutex_);
@@ -57,12 +65,15 @@ void Subscription::Close() {
     Pending().Done(static_cast<std::int64_t>(dropped.size()));
 }
 
-void Subscription::Run() {
+void Subscription::Run()
+{
     std::unique_lock lock(mutex_);
     threadId_ = GetCurrentThreadId();
     for (;;) {
         wake_.wait(lock, [this] { return closed_ || !queue_.empty(); });
-        if (closed_) return;
+        if (closed_) {
+            return;
+        }
         Delivery delivery = std::move(queue_.front());
         queue_.pop_front();
         inCallback_ = true;
@@ -78,10 +89,13 @@ void Subscription::Run() {
     }
 }
 
-void Subscription::Deliver(const Delivery& delivery) {
+void Subscription::Deliver(const Delivery& delivery)
+{
     Counters& counters = GlobalCounters();
     // Cannot happen while Close waits for callbacks; kept as a self-check the tests read.
-    if (closeReturned_) ++counters.deliveriesAfterClose;
+    if (closeReturned_) {
+        ++counters.deliveriesAfterClose;
+    }
 
     // A callback that throws must not take the delivery thread (and the process) down.
     if (!delivery.event) {

@@ -16,7 +16,7 @@ struct MetricConfig {
 };
 
 struct Configuration {
-    ComPtr<IXMLDOMDocument> document;  // keeps the elements' document alive
+    ComPtr<IXMLDOMDocument> document;   // keeps the elements' document alive
     std::vector<MetricConfig> metrics;  // in file order
 };
 

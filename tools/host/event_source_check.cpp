@@ -119,8 +119,7 @@ std::vector<std::wstring> EventSourceCheck::CheckQuery(const std::wstring& chann
     if (error == ERROR_SUCCESS || error == ERROR_NO_MORE_ITEMS || error == ERROR_TIMEOUT || Unanswered(error)) {
         return {};
     }
-    const std::wstring what = error == ERROR_EVT_INVALID_QUERY ? L"the event log rejects the query '"
-                                                                : L"the query '";
+    const std::wstring what = error == ERROR_EVT_INVALID_QUERY ? L"the event log rejects the query '" : L"the query '";
     return {what + query + L"': " + DescribeError(error) + kReportsNothing};
 }
 

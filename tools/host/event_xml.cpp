@@ -104,8 +104,8 @@ Scan ScanEvents(std::wstring_view text)
     auto fail = [&](size_t at, const std::wstring& what) {
         const size_t done = scan.events.size();
         const std::wstring which = eventStart != std::wstring_view::npos ? L"event " + std::to_wstring(done + 1)
-                                   : done == 0                         ? L"before the first event"
-                                                                       : L"after event " + std::to_wstring(done);
+                                   : done == 0                           ? L"before the first event"
+                                                                         : L"after event " + std::to_wstring(done);
         scan.fault = which + L" (" + Describe(PositionOf(text, at)) + L"): " + what;
         return scan;
     };
@@ -170,7 +170,8 @@ Scan ScanEvents(std::wstring_view text)
         if (close == n) {
             return fail(i, L"the tag <" + std::wstring(name) + L"> is not closed before the end of the file");
         }
-        const std::wstring_view localName = name.substr(name.find(L':') == std::wstring_view::npos ? 0 : name.find(L':') + 1);
+        const std::wstring_view localName =
+            name.substr(name.find(L':') == std::wstring_view::npos ? 0 : name.find(L':') + 1);
         if (endTag) {
             if (depth == 0) {
                 return fail(i, L"</" + std::wstring(name) + L"> closes no element");
@@ -222,8 +223,8 @@ std::string ToUtf8(std::wstring_view text)
 {
     std::string bytes;
     if (!text.empty()) {
-        const int size = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0,
-                                               nullptr, nullptr);
+        const int size =
+            ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
         bytes.resize(static_cast<size_t>(size));
         ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), bytes.data(), size, nullptr,
                               nullptr);
@@ -417,10 +418,12 @@ std::wstring DecodeText(const std::string& bytes)
         }
         return text;
     };
-    if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF && static_cast<unsigned char>(bytes[1]) == 0xFE) {
+    if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF &&
+        static_cast<unsigned char>(bytes[1]) == 0xFE) {
         return utf16(2, false);
     }
-    if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFE && static_cast<unsigned char>(bytes[1]) == 0xFF) {
+    if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFE &&
+        static_cast<unsigned char>(bytes[1]) == 0xFF) {
         return utf16(2, true);
     }
     if (bytes.size() >= 2 && bytes[0] != 0 && bytes[1] == 0) {

@@ -75,8 +75,7 @@ HRESULT ConsoleLogger::Print(ULONG level, const wchar_t* levelName, BSTR categor
         SYSTEMTIME now = {};
         ::GetLocalTime(&now);
         wchar_t stamp[32] = {};
-        std::swprintf(stamp, 32, L"%02u:%02u:%02u.%03u [", now.wHour, now.wMinute, now.wSecond,
-                      now.wMilliseconds);
+        std::swprintf(stamp, 32, L"%02u:%02u:%02u.%03u [", now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
         WriteErr(stamp + std::wstring(levelName) + L"] " + FromBstr(category) + L": " + IndentLines(line) + L"\n");
         return S_OK;
     } catch (const std::bad_alloc&) {

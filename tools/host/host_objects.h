@@ -24,7 +24,10 @@ public:
     STDMETHODIMP HostReserved1() override { return E_NOTIMPL; }
     STDMETHODIMP GetCategoryLevels(LPCWSTR category, ULONG* levels) override;
     STDMETHODIMP LogError(BSTR category, BSTR text) override { return Print(kLevelError, L"error", category, text); }
-    STDMETHODIMP LogWarning(BSTR category, BSTR text) override { return Print(kLevelWarning, L"warning", category, text); }
+    STDMETHODIMP LogWarning(BSTR category, BSTR text) override
+    {
+        return Print(kLevelWarning, L"warning", category, text);
+    }
     STDMETHODIMP LogInfo(BSTR category, BSTR text) override { return Print(kLevelInfo, L"info", category, text); }
 
     // The provider takes an unknown metric name with success and without a word; only its
@@ -47,8 +50,8 @@ struct MetricValue {
     std::wstring key;
     std::wstring instance;  // the name argument of WriteMetricValue
     VARTYPE type = VT_EMPTY;
-    std::wstring text;      // VT_BSTR, or other types changed to text
-    ULONGLONG number = 0;   // VT_UI8
+    std::wstring text;     // VT_BSTR, or other types changed to text
+    ULONGLONG number = 0;  // VT_UI8
 };
 
 // Accepts every value and keeps it until Take.

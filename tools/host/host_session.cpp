@@ -128,8 +128,8 @@ void AddChannels(const SimulatorControls& simulator, const Scenario& scenario)
     for (const std::wstring& channel : scenario.Channels()) {
         const DWORD result = simulator.AddChannel(channel);
         if (result != ERROR_SUCCESS && result != ERROR_ALREADY_EXISTS) {
-            throw HostError(ExitCode::ScenarioFailed,
-                            L"the simulated event log refused the channel '" + channel + L"': " + DescribeError(result));
+            throw HostError(ExitCode::ScenarioFailed, L"the simulated event log refused the channel '" + channel +
+                                                          L"': " + DescribeError(result));
         }
     }
 }
@@ -201,8 +201,8 @@ ExitCode RunHost(const Options& options, HANDLE stopEvent)
         Querier querier(provider->Get(), sink.Get(), DistinctNames(configuration), options.json);
 
         if (scenario) {
-            ScenarioPlayer player(*simulator, stopEvent, [&] { querier.QueryAll(); },
-                                  SubscribedChannels(configuration));
+            ScenarioPlayer player(
+                *simulator, stopEvent, [&] { querier.QueryAll(); }, SubscribedChannels(configuration));
             try {
                 stopped = !player.Play(*scenario);
             } catch (const HostError& error) {

@@ -19,18 +19,18 @@ inline constexpr ULONG kLevelInfo = 0x4;
 
 struct Options {
     bool help = false;
-    bool version = false;           // --version: the host's version and the provider's, then exit
-    std::wstring config;            // --config
-    std::wstring dll;               // --dll: load this file instead of creating by ProgID
+    bool version = false;  // --version: the host's version and the provider's, then exit
+    std::wstring config;   // --config
+    std::wstring dll;      // --dll: load this file instead of creating by ProgID
     std::wstring progId = kDefaultProgId;
     ULONG logLevels = kLevelError | kLevelWarning;
     unsigned intervalSeconds = kDefaultIntervalSeconds;
     bool once = false;
     bool json = false;
-    std::wstring scenario;          // --scenario
-    std::wstring replay;            // --replay: a file of Windows event XML
-    std::wstring registerTypeLib;   // --register-tlb: register this file and exit
-    std::wstring unregisterTypeLib; // --unregister-tlb
+    std::wstring scenario;           // --scenario
+    std::wstring replay;             // --replay: a file of Windows event XML
+    std::wstring registerTypeLib;    // --register-tlb: register this file and exit
+    std::wstring unregisterTypeLib;  // --unregister-tlb
 };
 
 Options ParseOptions(const std::vector<std::wstring>& arguments);

@@ -42,10 +42,11 @@ std::unique_ptr<ProviderInstance> ProviderInstance::CreateByProgId(const std::ws
     CLSID clsid = {};
     HRESULT result = ::CLSIDFromProgID(progId.c_str(), &clsid);
     if (FAILED(result)) {
-        throw HostError(ExitCode::ClassNotRegistered,
-                        L"the class '" + progId +
-                            L"' is not registered: register the provider (regsvr32 zeph_eventlog.dll) or give --dll PATH" +
-                            PerUserNote(progId));
+        throw HostError(
+            ExitCode::ClassNotRegistered,
+            L"the class '" + progId +
+                L"' is not registered: register the provider (regsvr32 zeph_eventlog.dll) or give --dll PATH" +
+                PerUserNote(progId));
     }
     std::unique_ptr<ProviderInstance> instance(new ProviderInstance());
     result = ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&instance->provider_));
@@ -103,8 +104,8 @@ std::unique_ptr<ProviderInstance> ProviderInstance::CreateFromDll(const std::wst
                         L"the class in '" + path + L"' is no data provider (it lacks IDataProviderEx)");
     }
     if (FAILED(result)) {
-        throw HostError(ExitCode::RunFailed, L"cannot create the provider from '" + path +
-                                                 L"': " + DescribeError(static_cast<DWORD>(result)));
+        throw HostError(ExitCode::RunFailed, L"cannot create the provider from '" + path + L"': " +
+                                                 DescribeError(static_cast<DWORD>(result)));
     }
     return instance;
 }

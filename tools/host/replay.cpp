@@ -56,8 +56,9 @@ bool EventReplayer::Write(const EventXml& event) const
                                   0};
     const DWORD result = simulator_.WriteEventData(data);
     if (result != ERROR_SUCCESS) {
-        throw HostError(ExitCode::ScenarioFailed, L"the simulated event log refused event " + std::to_wstring(event.id) +
-                                                      L" from '" + event.publisher + L"': " + DescribeError(result));
+        throw HostError(ExitCode::ScenarioFailed, L"the simulated event log refused event " +
+                                                      std::to_wstring(event.id) + L" from '" + event.publisher +
+                                                      L"': " + DescribeError(result));
     }
     return true;
 }

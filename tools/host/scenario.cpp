@@ -53,7 +53,10 @@ public:
     {
     }
 
-    [[noreturn]] void Fail(const std::wstring& what) const { throw HostError(ExitCode::ScenarioInvalid, where_ + L": " + what); }
+    [[noreturn]] void Fail(const std::wstring& what) const
+    {
+        throw HostError(ExitCode::ScenarioInvalid, where_ + L": " + what);
+    }
 
     std::wstring Required(const wchar_t* name) const
     {
@@ -279,9 +282,9 @@ Scenario LoadScenario(const std::wstring& path)
     const auto document = LoadXmlFile(path, L"scenario", ExitCode::ScenarioInvalid, ExitCode::ScenarioInvalid);
     const auto root = RootElement(document.Get());
     if (TagName(root.Get()) != L"scenario") {
-        throw HostError(ExitCode::ScenarioInvalid,
-                        L"the scenario '" + path + L"' must have the root element <scenario>, not <" +
-                            TagName(root.Get()) + L">");
+        throw HostError(
+            ExitCode::ScenarioInvalid,
+            L"the scenario '" + path + L"' must have the root element <scenario>, not <" + TagName(root.Get()) + L">");
     }
     Scenario scenario;
     for (const auto& element : ChildElements(root.Get())) {

@@ -89,8 +89,9 @@ void ScenarioPlayer::Write(size_t number, const EventStep& step)
 {
     Announce(number, L"event " + std::to_wstring(step.id) + L" from '" + step.publisher + L"' in " + step.channel +
                          L": " + FirstLine(step.message));
-    const EVT_SIM_EVENT event{step.channel.c_str(), step.publisher.c_str(), step.id, step.time.value_or(Now()),
-                              step.message.c_str(), step.formattable ? 0u : EVT_SIM_UNFORMATTABLE};
+    const EVT_SIM_EVENT event{
+        step.channel.c_str(),      step.publisher.c_str(), step.id,
+        step.time.value_or(Now()), step.message.c_str(),   step.formattable ? 0u : EVT_SIM_UNFORMATTABLE};
     const DWORD result = simulator_.WriteEvent(event);
     if (result != ERROR_SUCCESS) {
         StepFailed(number, L"the simulated event log refused the event: " + DescribeError(result));
@@ -100,8 +101,8 @@ void ScenarioPlayer::Write(size_t number, const EventStep& step)
 
 void ScenarioPlayer::WriteXml(size_t number, const EventXml& event)
 {
-    const std::wstring what = L"event " + std::to_wstring(event.id) + L" from '" + event.publisher + L"' in " +
-                              event.channel;
+    const std::wstring what =
+        L"event " + std::to_wstring(event.id) + L" from '" + event.publisher + L"' in " + event.channel;
     if (!replayer_.Write(event)) {
         Announce(number, what + L": skipped, no metric subscribes to the channel");
         return;
@@ -126,7 +127,8 @@ bool ScenarioPlayer::Replay(size_t number, const ReplayStep& step)
     }
     WaitForDeliveries(number);
     Announce(number, std::to_wstring(written + skipped) + L" event(s) read, " + std::to_wstring(written) +
-                         L" written, " + std::to_wstring(skipped) + L" skipped (no metric subscribes to their channel)");
+                         L" written, " + std::to_wstring(skipped) +
+                         L" skipped (no metric subscribes to their channel)");
     if (file.fault && !stopped) {
         throw HostError(ExitCode::ScenarioInvalid, L"the event file '" + step.file + L"' is malformed: " + *file.fault +
                                                        L"; the " + std::to_wstring(file.events.size()) +

@@ -21,7 +21,9 @@ public:
     // the channels event XML is written to (others are skipped).
     ScenarioPlayer(const SimulatorControls& simulator, HANDLE stopEvent, std::function<void()> query,
                    std::vector<std::wstring> subscribedChannels = {})
-        : simulator_(simulator), stopEvent_(stopEvent), query_(std::move(query)),
+        : simulator_(simulator),
+          stopEvent_(stopEvent),
+          query_(std::move(query)),
           replayer_(simulator, std::move(subscribedChannels))
     {
     }

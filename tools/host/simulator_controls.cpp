@@ -17,8 +17,8 @@ SimulatorControls::SimulatorControls() : module_(LoadEventLogDll())
     writeEvent_ = LookupExport<decltype(&EvtSimWriteEvent)>(module_, "EvtSimWriteEvent");
     writeEventData_ = LookupExport<decltype(&EvtSimWriteEventData)>(module_, "EvtSimWriteEventData");
     waitForDeliveries_ = LookupExport<decltype(&EvtSimWaitForDeliveries)>(module_, "EvtSimWaitForDeliveries");
-    if (isSimulator == nullptr || !isSimulator() || addChannel_ == nullptr || writeEvent_ == nullptr || writeEventData_ == nullptr ||
-        waitForDeliveries_ == nullptr) {
+    if (isSimulator == nullptr || !isSimulator() || addChannel_ == nullptr || writeEvent_ == nullptr ||
+        writeEventData_ == nullptr || waitForDeliveries_ == nullptr) {
         const std::wstring path = ModuleFilePath(module_.get());
         throw HostError(ExitCode::ScenarioFailed,
                         L"scenario replay needs the simulated event log, but the wevtapi.dll in use (" + path +

@@ -35,8 +35,8 @@ void RegisterTypeLibraryFile(const std::wstring& path)
     const auto library = Load(full);
     const HRESULT result = ::RegisterTypeLib(library.Get(), full.data(), nullptr);
     if (FAILED(result)) {
-        throw HostError(ExitCode::RunFailed, L"cannot register the type library '" + path +
-                                                 L"': " + DescribeError(static_cast<DWORD>(result)));
+        throw HostError(ExitCode::RunFailed, L"cannot register the type library '" + path + L"': " +
+                                                 DescribeError(static_cast<DWORD>(result)));
     }
 }
 
@@ -51,8 +51,8 @@ void UnregisterTypeLibraryFile(const std::wstring& path)
         library->ReleaseTLibAttr(attributes);
     }
     if (FAILED(result)) {
-        throw HostError(ExitCode::RunFailed, L"cannot unregister the type library '" + path +
-                                                 L"': " + DescribeError(static_cast<DWORD>(result)));
+        throw HostError(ExitCode::RunFailed, L"cannot unregister the type library '" + path + L"': " +
+                                                 DescribeError(static_cast<DWORD>(result)));
     }
 }
 

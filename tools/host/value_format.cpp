@@ -96,11 +96,21 @@ std::wstring JsonString(std::wstring_view text)
     std::wstring result = L"\"";
     for (wchar_t c : text) {
         switch (c) {
-        case L'"': result += L"\\\""; break;
-        case L'\\': result += L"\\\\"; break;
-        case L'\n': result += L"\\n"; break;
-        case L'\r': result += L"\\r"; break;
-        case L'\t': result += L"\\t"; break;
+        case L'"':
+            result += L"\\\"";
+            break;
+        case L'\\':
+            result += L"\\\\";
+            break;
+        case L'\n':
+            result += L"\\n";
+            break;
+        case L'\r':
+            result += L"\\r";
+            break;
+        case L'\t':
+            result += L"\\t";
+            break;
         default:
             if (c < 0x20) {
                 wchar_t escape[8] = {};

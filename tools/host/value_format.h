@@ -15,7 +15,7 @@ namespace zeph::host {
 
 // What one metric's query gave.
 struct MetricQuery {
-    unsigned query = 0;       // 1, 2, ... in this run
+    unsigned query = 0;  // 1, 2, ... in this run
     std::wstring metric;
     HRESULT result = S_OK;
     std::vector<MetricValue> values;

@@ -43,8 +43,7 @@ std::wstring ParseErrorText(IXMLDOMDocument* document)
 
 }  // namespace
 
-ComPtr<IXMLDOMDocument> LoadXmlFile(const std::wstring& path, const wchar_t* what, ExitCode missing,
-                                    ExitCode malformed)
+ComPtr<IXMLDOMDocument> LoadXmlFile(const std::wstring& path, const wchar_t* what, ExitCode missing, ExitCode malformed)
 {
     const std::wstring quoted = std::wstring(what) + L" '" + path + L"'";
     std::string bytes;

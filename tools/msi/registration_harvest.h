@@ -27,7 +27,7 @@ struct HarvestError : std::runtime_error {
 // One key, and at most one of its values: hasValue false is a key written with
 // no values and no subkeys.
 struct HarvestedRow {
-    std::wstring root;  // "HKCR", "HKLM" or "HKCU"
+    std::wstring root;    // "HKCR", "HKLM" or "HKCU"
     bool view32 = false;  // written to the 32-bit registry view
     std::wstring key;
     bool hasValue = false;
@@ -37,7 +37,7 @@ struct HarvestedRow {
 };
 
 struct Harvest {
-    std::wstring modulePath;  // the DLL's full path, as its registration saw it
+    std::wstring modulePath;         // the DLL's full path, as its registration saw it
     std::vector<HarvestedRow> rows;  // by root and view, keys in path order, values in name order
 };
 

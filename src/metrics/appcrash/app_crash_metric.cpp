@@ -30,8 +30,7 @@ constexpr wchar_t kFlagValue[] = L"true";
 }  // namespace
 
 CAppCrashMetric::CAppCrashMetric(const wchar_t* name, IProviderLogger* logger, IProviderHostContext* hostContext)
-    : CMetric(name, logger, hostContext),
-      computerNameQuery_(&::GetComputerNameExW)
+    : CMetric(name, logger, hostContext), computerNameQuery_(&::GetComputerNameExW)
 {
 }
 

@@ -62,8 +62,8 @@ private:
 
     ComputerNameQuery computerNameQuery_;
     std::mutex mutex_;
-    std::wstring crashTimeText_;        // of the event being parsed
-    std::wstring hostNameText_;         // "<br />Host Name: NAME", once known
+    std::wstring crashTimeText_;  // of the event being parsed
+    std::wstring hostNameText_;   // "<br />Host Name: NAME", once known
     // Pending crashes stay until the host's next query, which may be minutes
     // away, while everything else in the process allocates around them: their
     // texts, kept in the runtime's heap, scattered it (see private_heap.h).

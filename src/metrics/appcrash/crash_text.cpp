@@ -23,8 +23,7 @@ void SplitAtLineBreaks(std::wstring_view message, Run&& run, LineBreak&& lineBre
     const wchar_t* stretch = message.data();
     // Every message is scanned twice on the event log's thread (to size the
     // text, then to fill it): the search goes eight units at a time.
-    for (const wchar_t* at = FindCodeUnit(stretch, end, L'\r'); end - at > 1;
-         at = FindCodeUnit(at + 1, end, L'\r')) {
+    for (const wchar_t* at = FindCodeUnit(stretch, end, L'\r'); end - at > 1; at = FindCodeUnit(at + 1, end, L'\r')) {
         if (at[1] == L'\n') {
             run(stretch, static_cast<size_t>(at - stretch));
             lineBreak();
@@ -66,7 +65,8 @@ void AppendReplaced(Text& text, std::wstring_view message)
 size_t ReplacedLineBreaksLength(std::wstring_view message) noexcept
 {
     size_t breaks = 0;
-    SplitAtLineBreaks(message, [](const wchar_t*, size_t) {}, [&breaks] { ++breaks; });
+    SplitAtLineBreaks(
+        message, [](const wchar_t*, size_t) {}, [&breaks] { ++breaks; });
     return message.size() + breaks * (kHtmlBreak.size() - 2);
 }
 

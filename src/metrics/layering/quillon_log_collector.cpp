@@ -66,9 +66,7 @@ int AsLogNumber(DWORD value) noexcept
 
 }  // namespace
 
-CQuillonLogCollector::CQuillonLogCollector(IProviderLogger* logger) : logger_(logger)
-{
-}
+CQuillonLogCollector::CQuillonLogCollector(IProviderLogger* logger) : logger_(logger) {}
 
 bool CQuillonLogCollector::PrepareCollectLog()
 {

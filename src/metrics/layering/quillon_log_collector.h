@@ -81,8 +81,8 @@ private:
     [[nodiscard]] bool ReadCurrentLog(HANDLE file);
     [[nodiscard]] bool ReadRotatedLogs(HANDLE file);
     [[nodiscard]] bool ReadBackupLog(std::wstring& destination);
-    [[nodiscard]] static bool ExtractMountEntry(const std::wstring& text, size_t start, std::wstring& path, std::wstring& id,
-                                  size_t& next);
+    [[nodiscard]] static bool ExtractMountEntry(const std::wstring& text, size_t start, std::wstring& path,
+                                                std::wstring& id, size_t& next);
 
     std::wstring logDirectory_;
     std::wstring collectedText_;

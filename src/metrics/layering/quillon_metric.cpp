@@ -84,18 +84,18 @@ void CQuillonMetric::ParseEventLog(EVT_HANDLE event)
 
     unique_evt_handle renderContext;
     // A failed render leaves the event's id and time as the last event left them.
-    (void)RenderEventValues(*renderContext.put(), event, kEventValuePaths, static_cast<DWORD>(std::size(kEventValuePaths)),
-                      [this](PEVT_VARIANT& values) {
-                          if (values == nullptr) {
-                              return;
-                          }
-                          if (values[0].Type == EvtVarTypeUInt16) {
-                              currentEvent_.eventId = values[0].UInt16Val;
-                          }
-                          if (values[1].Type == EvtVarTypeFileTime) {
-                              currentEvent_.timeCreated = values[1].FileTimeVal;
-                          }
-                      });
+    (void)RenderEventValues(*renderContext.put(), event, kEventValuePaths,
+                            static_cast<DWORD>(std::size(kEventValuePaths)), [this](PEVT_VARIANT& values) {
+                                if (values == nullptr) {
+                                    return;
+                                }
+                                if (values[0].Type == EvtVarTypeUInt16) {
+                                    currentEvent_.eventId = values[0].UInt16Val;
+                                }
+                                if (values[1].Type == EvtVarTypeFileTime) {
+                                    currentEvent_.timeCreated = values[1].FileTimeVal;
+                                }
+                            });
 
     // Opened per event and deliberately left open, as the crash metric does.
     const EVT_HANDLE publisher = ::EvtOpenPublisherMetadata(nullptr, kPublisherName, nullptr, 0, 0);

@@ -53,8 +53,8 @@ HRESULT ReadRegistryString(HKEY root, const wchar_t* subkey, const wchar_t* valu
     const DWORD capacityUnits = size / 2 + 1;
     const HeapBuffer buffer(capacityUnits * sizeof(wchar_t));
     DWORD dataSize = capacityUnits * sizeof(wchar_t);
-    status = ::RegQueryValueExW(key.get(), valueName, nullptr, &type, reinterpret_cast<BYTE*>(buffer.Text()),
-                                &dataSize);
+    status =
+        ::RegQueryValueExW(key.get(), valueName, nullptr, &type, reinterpret_cast<BYTE*>(buffer.Text()), &dataSize);
     if (status != ERROR_SUCCESS) {
         return HResultFromWin32(status);
     }
