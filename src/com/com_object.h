@@ -1,5 +1,6 @@
 // The DLL's COM classes on the IUnknown core (unknown_core.h), with a module
-// lock held for every object's lifetime.
+// lock held for every object's whole lifetime: taken before T is built and given
+// back only after T and its members are gone (ModuleLockScope is the first base).
 //
 // An implementation class T derives from its interfaces, leaves IUnknown's
 // methods abstract, and names the interfaces it answers for:
@@ -21,14 +22,12 @@
 namespace zeph {
 
 template <typename T>
-class ComObject final : public T {
+class ComObject final : private ModuleLockScope, public T {
 public:
     template <typename... Args>
     explicit ComObject(Args&&... args) : T(std::forward<Args>(args)...)
     {
-        LockModule();
     }
-    ~ComObject() override { UnlockModule(); }
 
     STDMETHODIMP QueryInterface(REFIID riid, void** object) override
     {
@@ -66,10 +65,10 @@ private:
 };
 
 template <typename T>
-class ComAggObject final : public IUnknown {
+class ComAggObject final : private ModuleLockScope, public IUnknown {
 public:
-    explicit ComAggObject(IUnknown* outer) : contained_(outer) { LockModule(); }
-    virtual ~ComAggObject() { UnlockModule(); }
+    explicit ComAggObject(IUnknown* outer) : contained_(outer) {}
+    virtual ~ComAggObject() = default;
 
     // IUnknown is the inner unknown itself; every other interface is T's,
     // counted on the outer object.

@@ -11,4 +11,16 @@ void LockModule() noexcept;
 void UnlockModule() noexcept;
 LONG ModuleLockCount() noexcept;
 
+// One module lock for as long as it lives. As the first base of an object it is
+// built before everything else in the object and destroyed after it, so the DLL
+// stays locked while the object's members are still being torn down (a metric
+// closing its subscription, a host object being released).
+class ModuleLockScope {
+public:
+    ModuleLockScope() noexcept { LockModule(); }
+    ~ModuleLockScope() { UnlockModule(); }
+    ModuleLockScope(const ModuleLockScope&) = delete;
+    ModuleLockScope& operator=(const ModuleLockScope&) = delete;
+};
+
 }  // namespace zeph

@@ -14,6 +14,21 @@ constexpr wchar_t kUnsubscribed[] = L"Unsubscribed from metric '%s'.";
 constexpr wchar_t kUnsubscribedAll[] = L"Unsubscribed all metrics.";
 constexpr wchar_t kNotSubscribed[] = L"Metric '%s' should be queried from internal metric.";
 
+// Takes the new reference, stores it, and only then lets the old one go, so a
+// host whose old and new objects depend on each other never sees one destroyed
+// while it is handed over. (A plain ComPtr assignment releases first.)
+template <typename Interface>
+void ReplaceReference(Microsoft::WRL::ComPtr<Interface>& stored, Interface* replacement) noexcept
+{
+    if (stored.Get() == replacement) {
+        return;
+    }
+    Microsoft::WRL::ComPtr<Interface> previous;
+    previous.Swap(stored);
+    stored = replacement;
+    previous.Reset();
+}
+
 }  // namespace
 
 CProvider::CProvider() : factory_(MetricFactory) {}
@@ -137,10 +152,8 @@ STDMETHODIMP CProvider::SetHostInterfaces(IProviderLogger* logger, IProviderHost
         if (logger == nullptr || hostContext == nullptr) {
             return E_INVALIDARG;
         }
-        // ComPtr assignment adds the new reference before releasing the old,
-        // and does nothing for the same pointer.
-        logger_ = logger;
-        hostContext_ = hostContext;
+        ReplaceReference(logger_, logger);
+        ReplaceReference(hostContext_, hostContext);
         return S_OK;
     });
 }

@@ -12,6 +12,9 @@
 #include <gtest/gtest.h>
 #include <wrl/client.h>
 
+#include <string_view>
+#include <vector>
+
 namespace zeph::test {
 namespace {
 
@@ -138,6 +141,44 @@ TEST_F(ClassObjectTest, ASessionGivesBackEveryHostReferenceAndLetsTheDllGo)
     WaitForDeliveries();
     EXPECT_EQ(logger->References() + context->References() + sink->References(), 3u);
     EXPECT_EQ((config->AddRef(), config->Release()), configReferences);
+}
+
+// The references a provider gives back while it is destroyed (its metric's, then its own) all go
+// while the DLL still says S_FALSE, for the plain and the aggregated object; S_OK comes after.
+TEST_F(ClassObjectTest, TheDllStaysLockedUntilTheProviderIsWhollyDestroyed)
+{
+    std::vector<HRESULT> answers;
+    const auto askOnRelease = [&](const wchar_t* call) {
+        if (std::wstring_view(call) == L"Release") {
+            answers.push_back(server_.CanUnloadNow());
+        }
+    };
+    const auto logger = Adopt(new Observed<RecordingLogger>(askOnRelease));
+    const auto context = Adopt(new Observed<CountingHostContext>(askOnRelease));
+    const ComPtr<IXMLDOMElement> config = MakeMetricConfig(L"Application", L"*");
+    const unique_bstr crash = MakeBstr(L"eventlog|eventlog_appcrash");
+    const auto connect = [&](IUnknown* object) {
+        ComPtr<IZephDataProvider> provider;
+        ASSERT_EQ(object->QueryInterface(IID_PPV_ARGS(&provider)), S_OK);
+        ASSERT_EQ(provider->SetHostInterfaces(logger.Get(), context.Get()), S_OK);
+        ASSERT_EQ(provider->SubscribeMetric(crash.get(), config.Get()), S_OK);
+        answers.clear();
+    };
+    const std::vector<HRESULT> stillLocked(4, S_FALSE);
+
+    ComPtr<IUnknown> plain;
+    ASSERT_EQ(Factory()->CreateInstance(nullptr, IID_PPV_ARGS(&plain)), S_OK);
+    connect(plain.Get());
+    plain.Reset();
+    EXPECT_EQ(answers, stillLocked);
+    EXPECT_EQ(server_.CanUnloadNow(), S_OK);
+
+    auto* outer = new OuterObject();
+    ASSERT_EQ(Factory()->CreateInstance(outer, IID_IUnknown, reinterpret_cast<void**>(&outer->inner_)), S_OK);
+    connect(outer);
+    outer->Release();
+    EXPECT_EQ(answers, stillLocked);
+    EXPECT_EQ(server_.CanUnloadNow(), S_OK);
 }
 
 TEST_F(ClassObjectTest, AggregatedProviderTakesTheOuterObjectsIdentityAndCount)

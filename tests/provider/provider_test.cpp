@@ -190,9 +190,20 @@ TEST_F(ProviderTest, SetHostInterfacesKeepsOneReferenceAndMetricsKeepTheirOwn)
     EXPECT_EQ(logger_->References(), 3u);  // the metric holds one too
     EXPECT_EQ(context_->References(), 3u);
 
-    const ComPtr<RecordingLogger> logger2 = Adopt(new RecordingLogger(0x7));
-    const ComPtr<CountingHostContext> context2 = Adopt(new CountingHostContext());
+    // Each new reference is taken before the old one goes, the logger's before the context's.
+    Texts journal;
+    const auto journalAs = [&journal](const wchar_t* name) {
+        return [&journal, name](const wchar_t* call) { journal.push_back(std::wstring(name) + L" " + call); };
+    };
+    const auto logger2 = Adopt(new Observed<RecordingLogger>(journalAs(L"new logger")));
+    const auto context2 = Adopt(new Observed<CountingHostContext>(journalAs(L"new context")));
+    const auto oldLogger = Adopt(new Observed<RecordingLogger>(journalAs(L"old logger")));
+    const auto oldContext = Adopt(new Observed<CountingHostContext>(journalAs(L"old context")));
+    ASSERT_EQ(provider_->SetHostInterfaces(oldLogger.Get(), oldContext.Get()), S_OK);
+    journal.clear();
     ASSERT_EQ(provider_->SetHostInterfaces(logger2.Get(), context2.Get()), S_OK);
+    EXPECT_EQ(journal,
+              (Texts{L"new logger AddRef", L"old logger Release", L"new context AddRef", L"old context Release"}));
     EXPECT_EQ(logger_->References(), 2u);  // only the metric's is left
     EXPECT_EQ(context_->References(), 2u);
     EXPECT_EQ(logger2->References(), 2u);
@@ -200,7 +211,9 @@ TEST_F(ProviderTest, SetHostInterfacesKeepsOneReferenceAndMetricsKeepTheirOwn)
     EXPECT_EQ(Query(kAppCrashMetricName, sink_.Get()), S_OK);
     EXPECT_EQ(logger_->Texts(), Texts{L"No application crash available"}) << "existing metrics keep theirs";
     EXPECT_TRUE(logger2->Lines().empty());
+    journal.clear();
     provider_.Reset();
+    EXPECT_EQ(journal, (Texts{L"new context Release", L"new logger Release"}));
     EXPECT_EQ(logger2->References(), 1u);
     EXPECT_EQ(context2->References(), 1u);
 }

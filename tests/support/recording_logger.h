@@ -20,7 +20,7 @@ struct LogLine {
     bool operator==(const LogLine&) const = default;
 };
 
-class RecordingLogger final : public TestDispatchObject<IProviderLogger> {
+class RecordingLogger : public TestDispatchObject<IProviderLogger> {
 public:
     explicit RecordingLogger(ULONG levels = 0x7) : levels_(levels) {}
 

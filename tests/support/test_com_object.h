@@ -7,6 +7,9 @@
 
 #include <agent.h>
 
+#include <functional>
+#include <utility>
+
 namespace zeph::test {
 
 template <typename Interface, typename... MoreIids>
@@ -26,6 +29,30 @@ struct HostDoubleScope {
 };
 
 // A host context: no methods, only its reference count matters.
-class CountingHostContext final : public TestComObject<IProviderHostContext> {};
+class CountingHostContext : public TestComObject<IProviderHostContext> {};
+
+// A host double that tells the test of every AddRef and Release it gets, before
+// counting it: for tests that check the order of reference changes, or what the
+// DLL answers while a reference goes.
+template <typename Double>
+class Observed final : public Double {
+public:
+    using Observer = std::function<void(const wchar_t* call)>;
+    explicit Observed(Observer observer) : observer_(std::move(observer)) {}
+
+    STDMETHODIMP_(ULONG) AddRef() override
+    {
+        observer_(L"AddRef");
+        return Double::AddRef();
+    }
+    STDMETHODIMP_(ULONG) Release() override
+    {
+        observer_(L"Release");
+        return Double::Release();
+    }
+
+private:
+    Observer observer_;
+};
 
 }  // namespace zeph::test
