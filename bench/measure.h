@@ -119,9 +119,30 @@ inline int RunRounds(const Budget& budget, const std::function<void(int)>& round
     return rounds;
 }
 
+// The ratios of value to floor over pairs of rounds, each pair one round with
+// the product first and one with the floor first: what the first of a round
+// leaves behind for the second (a warm heap, a cold cache) then weighs on both
+// sides alike. A lone last round counts alone.
+inline std::vector<double> PairRatios(const std::vector<double>& value, const std::vector<double>& floor)
+{
+    std::vector<double> ratios;
+    const size_t n = std::min(value.size(), floor.size());
+    for (size_t i = 0; i < n; i += 2) {
+        const size_t end = std::min(i + 2, n);
+        double v = 0;
+        double f = 0;
+        for (size_t j = i; j < end; ++j) {
+            v += value[j];
+            f += floor[j];
+        }
+        ratios.push_back(v / f);
+    }
+    return ratios;
+}
+
 // Product and floor, one of each per round, taking turns at going first so that
 // both see the same machine state and the same noise; each returns its own cost
-// in the figure's unit. Runs until the median of the per-round ratios settles.
+// in the figure's unit. Runs until the median of the ratios settles.
 struct Paired {
     std::vector<double> product;
     std::vector<double> floor;
@@ -131,7 +152,6 @@ inline Paired Interleave(const Budget& budget, const std::function<double()>& pr
                          const std::function<double()>& floor)
 {
     Paired paired;
-    std::vector<double> ratios;
     RunRounds(
         budget,
         [&](int round) {
@@ -141,16 +161,16 @@ inline Paired Interleave(const Budget& budget, const std::function<double()>& pr
             if (round >= 0) {
                 paired.product.push_back(productFirst ? first : second);
                 paired.floor.push_back(productFirst ? second : first);
-                ratios.push_back(paired.product.back() / paired.floor.back());
             }
         },
-        [&] { return Settled(ratios, kRatioTolerance, true); });
+        [&] { return Settled(PairRatios(paired.product, paired.floor), kRatioTolerance, true); });
     return paired;
 }
 
 // One line of the report. value and floor are in unit. A figure with a floor
-// has a ratio: the median of the per-round ratios of value to floor, which
-// follows the machine's load better than the ratio of the two medians. Its goal,
+// has a ratio: the median of the ratios of value to floor over pairs of rounds
+// (PairRatios), which follows the machine's load better than the ratio of the
+// two medians. Its goal,
 // if any, is a limit on the ratio, or on the value itself (valueGoal).
 struct Figure {
     std::string section;
@@ -172,8 +192,8 @@ struct Figure {
     std::string belowZero;  // what a figure below zero means, when it can be
 };
 
-// value against floor, round by round (samples of the same index were
-// measured side by side).
+// value against floor (samples of the same index were measured side by side,
+// in rounds that took turns at which went first).
 inline Figure Compare(std::string section, std::string name, std::string unit, const std::vector<double>& value,
                       std::string floorName, const std::vector<double>& floor)
 {
@@ -185,13 +205,10 @@ inline Figure Compare(std::string section, std::string name, std::string unit, c
     figure.valueInterval = MedianInterval(value);
     figure.floorName = std::move(floorName);
     figure.floor = Summarize(floor);
-    std::vector<double> ratios;
-    for (size_t i = 0; i < value.size() && i < floor.size(); ++i) {
-        ratios.push_back(value[i] / floor[i]);
-    }
+    const std::vector<double> ratios = PairRatios(value, floor);
     figure.ratio = Median(ratios);
     figure.ratioInterval = MedianInterval(ratios);
-    figure.rounds = static_cast<int>(ratios.size());
+    figure.rounds = static_cast<int>(std::min(value.size(), floor.size()));
     return figure;
 }
 

@@ -9,7 +9,6 @@
 
 #include <oleauto.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -141,8 +140,6 @@ std::vector<Figure> MeasureReportPath(const Options& options)
     // fill leaves open in the process weighs on each of them alike.
     std::vector<std::vector<double>> productSamples(sizes.size());
     std::vector<std::vector<double>> floorSamples(sizes.size());
-    std::vector<std::vector<double>> ratios(sizes.size());
-    std::vector<double> growth;  // largest drain over the one ten times smaller, round by round
     RunRounds(
         budget,
         [&](int round) {
@@ -153,17 +150,18 @@ std::vector<Figure> MeasureReportPath(const Options& options)
                 if (round >= 0) {
                     productSamples[i].push_back(productFirst ? first : second);
                     floorSamples[i].push_back(productFirst ? second : first);
-                    ratios[i].push_back(productSamples[i].back() / floorSamples[i].back());
                 }
-            }
-            if (round >= 0 && sizes.size() >= 2) {
-                growth.push_back(productSamples.back().back() / productSamples[sizes.size() - 2].back());
             }
         },
         [&] {
-            return std::all_of(ratios.begin(), ratios.end(),
-                               [](const std::vector<double>& r) { return Settled(r, kRatioTolerance, true); }) &&
-                   Settled(growth, kRatioTolerance, true);
+            // Every size's ratio, and the largest step of growth.
+            for (size_t i = 0; i < sizes.size(); ++i) {
+                if (!Settled(PairRatios(productSamples[i], floorSamples[i]), kRatioTolerance, true)) {
+                    return false;
+                }
+            }
+            const size_t last = sizes.size() - 1;
+            return Settled(PairRatios(productSamples[last], productSamples[last - 1]), kRatioTolerance, true);
         });
     sink->Release();
 
