@@ -149,7 +149,7 @@ void PrintTable(const std::vector<Figure>& figures)
     }
     std::printf("\n%d of %d goals hold", met, goals);
     if (undecided > 0) {
-        std::printf(" (%d of them unsure: their interval holds the limit)", undecided);
+        std::printf("; %d of the %d unsure (the limit lies inside the median's interval)", undecided, goals);
     }
     std::printf(".\n");
     std::fflush(stdout);
