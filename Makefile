@@ -7,6 +7,9 @@ BUILD     := build
 JOBS      ?= $(shell nproc)
 WINEPREFIX_DIR := $(abspath $(BUILD))/wineprefix
 WINE_ENV  := WINEPREFIX=$(WINEPREFIX_DIR) WINEDEBUG=-all WINEARCH=win64
+# CMake's own Makefiles run as sub-makes of this one: no "Entering directory" lines from them.
+MAKEFLAGS += --no-print-directory
+comma := ,
 
 # Debian packages the build needs, and a file or command that shows each is there.
 PACKAGES  := g++-mingw-w64-x86-64-posix mingw-w64-tools libwine-dev wine64 wine cmake googletest clang lld \
@@ -15,10 +18,35 @@ NEEDED    := /usr/bin/x86_64-w64-mingw32-g++-posix /usr/bin/x86_64-w64-mingw32-w
              /usr/include/wine/wine/windows/oaidl.idl /usr/bin/wine /usr/bin/cmake \
              /usr/src/googletest/CMakeLists.txt /usr/bin/clang++ /usr/bin/ld.lld /usr/bin/wixl /usr/bin/msiinfo
 
-.PHONY: all deps configure build build-clang demo-build prefix test demo replay bench package msi coverage clean \
-        format format-deps format-check
+.PHONY: all help deps configure build build-clang demo-build prefix test demo run replay bench package msi coverage \
+        clean format format-deps format-check
 
 all: build
+
+help:
+	@echo "make demo                 build what the demo runs, then show both metrics end to end"
+	@echo "make test                 build with GCC and Clang, run every test under Wine"
+	@echo "make run ARGS=\"...\"       zeph-host with those options, in the demo's Wine prefix"
+	@echo "                          (build/zeph-host does the same once built; no ARGS: --help)"
+	@echo "make replay EVTX=FILE     what the provider reports for a saved Windows event log"
+	@echo "make package              the release archive and the Windows Installer package"
+	@echo "make msi                  the Windows Installer package alone"
+	@echo "make bench                the benchmarks, each figure beside its floor; exit 1 on a missed goal"
+	@echo "make coverage             the suite with coverage counters, in build-coverage/"
+	@echo "make build                everything (product, tools, tests, benchmarks) with GCC, in build/"
+	@echo "make build-clang          everything with Clang, in build-clang/ (never run)"
+	@echo "make demo-build           only what the demo and make run need"
+	@echo "make deps                 install the Debian packages the build needs"
+	@echo "make format               apply .clang-format; make format-check names the files that differ"
+	@echo "make clean                remove build/, build-clang/ and build-coverage/"
+
+# $(call quiet_build,TARGETS,WHAT): builds CMake targets with the build's output in
+# $(BUILD)/build.log, whose end is shown only when the build fails.
+define quiet_build
+@echo "== building $(2) (output in $(BUILD)/build.log)"
+@cmake --build $(BUILD) -j $(JOBS) --target $(1) >$(BUILD)/build.log 2>&1 || \
+  { tail -n 40 $(BUILD)/build.log; echo "== the build failed; its whole output is in $(BUILD)/build.log" >&2; exit 1; }
+endef
 
 deps:
 	@missing=""; for f in $(NEEDED); do [ -e "$$f" ] || missing="$$missing $$f"; done; \
@@ -30,7 +58,8 @@ deps:
 	fi
 
 configure: deps
-	@[ -f $(BUILD)/CMakeCache.txt ] || cmake --preset mingw
+	@[ -f $(BUILD)/CMakeCache.txt ] || { echo "== configuring $(BUILD)/ (cmake --preset mingw)"; mkdir -p $(BUILD); \
+	  cmake --preset mingw >$(BUILD)/configure.log 2>&1 || { cat $(BUILD)/configure.log; exit 1; }; }
 
 build: configure
 	cmake --build --preset mingw -j $(JOBS)
@@ -43,7 +72,7 @@ build-clang: deps
 # Only what the demo runs: zeph-host, and through its dependencies the DLL, the
 # simulated event log and Agent.tlb. GoogleTest and the tests wait for `make test`.
 demo-build: configure
-	cmake --build $(BUILD) -j $(JOBS) --target zeph_host
+	$(call quiet_build,zeph_host,zeph-host.exe$(comma) zeph_eventlog.dll$(comma) the simulated event log and Agent.tlb)
 
 prefix: configure
 	@if [ ! -f $(WINEPREFIX_DIR)/system.reg ]; then \
@@ -61,7 +90,7 @@ test: build build-clang prefix
 
 bench: build prefix
 	@$(WINE_ENV) wineserver -p10 </dev/null >/dev/null 2>&1 || true
-	$(BUILD)/wine-run $(BUILD)/bin/zeph-bench.exe --json $(BUILD)/bench.json
+	ZEPH_WINEPREFIX=$(WINEPREFIX_DIR) $(BUILD)/wine-run $(BUILD)/bin/zeph-bench.exe --json $(BUILD)/bench.json
 
 # Line and branch coverage of the whole suite: a build of its own (preset
 # "coverage", into build-coverage/, with gcov counters), every test run under
@@ -87,30 +116,46 @@ coverage: deps
 	  --json-summary build-coverage/coverage.json --txt build-coverage/coverage.txt && \
 	python3 cmake/coverage-summary.py build-coverage/coverage.json && exit $$status
 
-# The demo prepares a Wine prefix of its own (BUILD/demo-prefix), apart from the tests'.
+# The demo prepares a Wine prefix of its own (BUILD/demo-prefix, see demo/prefix.sh),
+# apart from the tests'.
 demo: demo-build
-	bash demo/run.sh $(BUILD)
+	@bash demo/run.sh $(BUILD)
 
-# Replays a saved event log through the demo's configuration:
+# zeph-host with ARGS, in the demo's prefix with the simulated event log:
+#   make run ARGS="--config demo/zeph-host.xml --scenario demo/scenario.xml --once"
+ARGS ?= --help
+run: demo-build
+	@$(BUILD)/zeph-host $(ARGS)
+
+# Replays a saved event log through the demo's configuration, without the demo's
+# made-up layering agent:
 #   make replay EVTX=path/to/Application.evtx
-replay: demo-build
+replay:
 	@[ -n "$(EVTX)" ] || { echo "usage: make replay EVTX=path/to/Application.evtx" >&2; exit 2; }
+	@[ -f "$(EVTX)" ] || { echo "make replay: no such file: $(EVTX)" >&2; exit 2; }
 	@if ! command -v evtxexport >/dev/null 2>&1; then \
 	  echo "== installing evtxexport (libevtx-utils)"; \
 	  SUDO=""; [ "$$(id -u)" = 0 ] || SUDO=sudo; \
 	  $$SUDO apt-get update -q && \
 	  DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -q --no-install-recommends libevtx-utils; \
 	fi
-	bash demo/run.sh $(BUILD) --evtx "$(EVTX)"
+	@$(MAKE) demo-build
+	@bash demo/run.sh $(BUILD) --evtx "$(EVTX)"
 
 # The release archive, $(BUILD)/zeph_eventlog-<version>-win64.zip (see cmake/Package.cmake),
 # and beside it the Windows Installer package, $(BUILD)/zeph_eventlog-<version>-win64.msi.
-package: demo-build msi
-	cd $(BUILD) && cpack -G ZIP
+# Only what they hold is built, and the registration harvest the .msi is made from
+# (zeph-host's build brings the simulated event log along).
+package: configure
+	$(call quiet_build,zeph_host msi,zeph_eventlog.dll$(comma) zeph-host.exe$(comma) Agent.tlb$(comma) the registration harvest and the .msi)
+	@echo "== packing the release archive"
+	@cd $(BUILD) && cpack -G ZIP >cpack.log 2>&1 || { cat cpack.log; exit 1; }
+	@echo "== $(BUILD)/$$(cd $(BUILD) && ls zeph_eventlog-*-win64.zip)"
+	@echo "== $(BUILD)/$$(cd $(BUILD) && ls zeph_eventlog-*-win64.msi)"
 
 # The Windows Installer package alone (see tools/msi).
 msi: configure
-	cmake --build --preset mingw -j $(JOBS) --target msi
+	$(call quiet_build,msi,zeph_eventlog.dll$(comma) the registration harvest and the .msi)
 
 # One format for the tree, stated in .clang-format: `make format` applies it,
 # `make format-check` (run by CI) names every C++ file that differs from it.

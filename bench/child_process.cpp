@@ -3,15 +3,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 namespace zeph::bench {
 
 namespace {
-
-void WriteSummary(FILE* file, const Summary& summary)
-{
-    std::fprintf(file, "\t%.17g\t%.17g\t%.17g\t%d", summary.median, summary.min, summary.max, summary.runs);
-}
 
 // Splits a line at tabs; the last field keeps no line end.
 std::vector<std::string> Fields(std::string line)
@@ -29,15 +25,93 @@ std::vector<std::string> Fields(std::string line)
     return fields;
 }
 
-Summary ParseSummary(const std::vector<std::string>& fields, size_t first)
-{
-    Summary summary;
-    summary.median = std::strtod(fields[first].c_str(), nullptr);
-    summary.min = std::strtod(fields[first + 1].c_str(), nullptr);
-    summary.max = std::strtod(fields[first + 2].c_str(), nullptr);
-    summary.runs = std::atoi(fields[first + 3].c_str());
-    return summary;
-}
+// A figure's fields, in one order for writing and reading.
+class FigureFields {
+public:
+    explicit FigureFields(std::vector<std::string> fields = {}) : fields_(std::move(fields)) {}
+
+    void Text(std::string& text)
+    {
+        if (writing()) {
+            out_ += "\t" + text;
+        } else {
+            text = Next();
+        }
+    }
+    void Number(double& number)
+    {
+        if (writing()) {
+            char text[40];
+            std::snprintf(text, sizeof text, "\t%.17g", number);
+            out_ += text;
+        } else {
+            number = std::strtod(Next().c_str(), nullptr);
+        }
+    }
+    void Count(int& count)
+    {
+        double number = count;
+        Number(number);
+        count = static_cast<int>(number);
+    }
+    void Flag(bool& flag)
+    {
+        double number = flag ? 1 : 0;
+        Number(number);
+        flag = number != 0;
+    }
+    void Each(Figure& figure)
+    {
+        Text(figure.section);
+        Text(figure.name);
+        Text(figure.unit);
+        Summary(figure.value);
+        Range(figure.valueInterval);
+        Text(figure.floorName);
+        Summary(figure.floor);
+        Number(figure.ratio);
+        Range(figure.ratioInterval);
+        Count(figure.rounds);
+        Text(figure.goal);
+        Number(figure.limit);
+        Flag(figure.valueGoal);
+        Flag(figure.met);
+        Flag(figure.decided);
+        Text(figure.note);
+        Text(figure.belowZero);
+    }
+
+    bool Complete() const { return failed_ == false && next_ == fields_.size(); }
+    std::string Line() const { return out_.substr(1) + "\n"; }
+
+private:
+    bool writing() const { return fields_.empty(); }
+    std::string Next()
+    {
+        if (next_ >= fields_.size()) {
+            failed_ = true;
+            return {};
+        }
+        return fields_[next_++];
+    }
+    void Summary(zeph::bench::Summary& summary)
+    {
+        Number(summary.median);
+        Number(summary.min);
+        Number(summary.max);
+        Count(summary.runs);
+    }
+    void Range(Interval& interval)
+    {
+        Number(interval.low);
+        Number(interval.high);
+    }
+
+    std::vector<std::string> fields_;
+    size_t next_ = 0;
+    bool failed_ = false;
+    std::string out_;
+};
 
 }  // namespace
 
@@ -75,13 +149,10 @@ bool WriteFigures(const std::wstring& path, const std::vector<Figure>& figures)
     if (file == nullptr) {
         return false;
     }
-    for (const Figure& figure : figures) {
-        std::fprintf(file, "%s\t%s\t%s", figure.section.c_str(), figure.name.c_str(), figure.unit.c_str());
-        WriteSummary(file, figure.value);
-        std::fprintf(file, "\t%s", figure.floorName.c_str());
-        WriteSummary(file, figure.floor);
-        std::fprintf(file, "\t%.17g\t%s\t%d\t%s\n", figure.ratio, figure.goal.c_str(), figure.met ? 1 : 0,
-                     figure.note.c_str());
+    for (Figure figure : figures) {
+        FigureFields fields;
+        fields.Each(figure);
+        std::fputs(fields.Line().c_str(), file);
     }
     return std::fclose(file) == 0;
 }
@@ -94,24 +165,14 @@ bool ReadFigures(const std::wstring& path, std::vector<Figure>& figures)
     }
     bool complete = true;
     char buffer[4096];
-    while (std::fgets(buffer, sizeof buffer, file) != nullptr) {
-        const std::vector<std::string> fields = Fields(buffer);
-        if (fields.size() != 16) {
-            complete = false;
-            break;
-        }
+    while (complete && std::fgets(buffer, sizeof buffer, file) != nullptr) {
+        FigureFields fields(Fields(buffer));
         Figure figure;
-        figure.section = fields[0];
-        figure.name = fields[1];
-        figure.unit = fields[2];
-        figure.value = ParseSummary(fields, 3);
-        figure.floorName = fields[7];
-        figure.floor = ParseSummary(fields, 8);
-        figure.ratio = std::strtod(fields[12].c_str(), nullptr);
-        figure.goal = fields[13];
-        figure.met = fields[14] == "1";
-        figure.note = fields[15];
-        figures.push_back(figure);
+        fields.Each(figure);
+        complete = fields.Complete();
+        if (complete) {
+            figures.push_back(figure);
+        }
     }
     std::fclose(file);
     return complete;

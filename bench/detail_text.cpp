@@ -4,6 +4,7 @@
 
 #include "appcrash/crash_text.h"
 #include "benchmarks.h"
+#include "scenario.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -51,77 +52,93 @@ std::vector<Figure> MeasureDetailText(const Options& options)
         int repeats;  // calls per timed run, so that every run takes a few milliseconds
     };
     const Size sizes[] = {{"1 KiB", 1024, 2000}, {"64 KiB", 64 * 1024, 40}, {"1 MiB", 1024 * 1024, 3}};
-    const int runs = options.quick ? 3 : 9;
+    const Budget budget = options.quick ? Budget{3, 3, 0} : Budget{15, 201, 10};
 
-    std::vector<Figure> figures;
-    for (const Size& size : sizes) {
-        const std::wstring message = MessageOfBytes(size.bytes);
-        const size_t expected = message.size() + CountLineBreaks(message) * 4;
-        size_t sink = 0;
+    struct SizeRuns {
+        std::wstring message;
+        size_t expected = 0;
+        std::vector<double> product;
+        std::vector<double> copy;
+    };
+    std::vector<SizeRuns> measured(std::size(sizes));
+    for (size_t i = 0; i < std::size(sizes); ++i) {
+        measured[i].message = MessageOfBytes(sizes[i].bytes);
+        measured[i].expected = measured[i].message.size() + CountLineBreaks(measured[i].message) * 4;
+    }
+    size_t sink = 0;
 
-        auto product = [&] {
-            const double start = NowNs();
-            for (int i = 0; i < size.repeats; ++i) {
-                const std::wstring text = ReplaceLineBreaks(message);
-                sink += text.size();
-                if (text.size() != expected) {
-                    std::fprintf(stderr, "zeph-bench: ReplaceLineBreaks gave %zu characters, not %zu\n", text.size(),
-                                 expected);
+    auto product = [&](size_t i) {
+        const Size& size = sizes[i];
+        const double start = NowNs();
+        for (int call = 0; call < size.repeats; ++call) {
+            const std::wstring text = ReplaceLineBreaks(measured[i].message);
+            sink += text.size();
+            if (text.size() != measured[i].expected) {
+                Fail("ReplaceLineBreaks gave a text of the wrong length");
+            }
+        }
+        return (NowNs() - start) / static_cast<double>(size.repeats) / static_cast<double>(size.bytes);
+    };
+    auto copy = [&](size_t i) {
+        const Size& size = sizes[i];
+        const double start = NowNs();
+        for (int call = 0; call < size.repeats; ++call) {
+            const std::wstring text(measured[i].message);
+            sink += text.size();
+        }
+        return (NowNs() - start) / static_cast<double>(size.repeats) / static_cast<double>(size.bytes);
+    };
+
+    // A round: every size, product and copy in turns. The goal is on the
+    // product's cost per byte, so that is what must settle.
+    RunRounds(
+        budget,
+        [&](int round) {
+            for (size_t i = 0; i < measured.size(); ++i) {
+                const bool productFirst = round % 2 == 0;
+                const double first = productFirst ? product(i) : copy(i);
+                const double second = productFirst ? copy(i) : product(i);
+                if (round >= 0) {
+                    measured[i].product.push_back(productFirst ? first : second);
+                    measured[i].copy.push_back(productFirst ? second : first);
                 }
             }
-            return (NowNs() - start) / static_cast<double>(size.repeats) / static_cast<double>(size.bytes);
-        };
-        auto copy = [&] {
-            const double start = NowNs();
-            for (int i = 0; i < size.repeats; ++i) {
-                const std::wstring text(message);
-                sink += text.size();
-            }
-            return (NowNs() - start) / static_cast<double>(size.repeats) / static_cast<double>(size.bytes);
-        };
-        std::vector<double> productSamples;
-        std::vector<double> floorSamples;
-        Alternate(runs, product, copy, productSamples, floorSamples);
+        },
+        [&] {
+            return std::all_of(measured.begin(), measured.end(),
+                               [](const SizeRuns& m) { return Settled(m.product, kRatioTolerance, true); });
+        });
+    if (sink == 0) {
+        Fail("nothing was measured");
+    }
 
-        Figure figure;
-        figure.section = "detail text";
-        figure.name = std::string(kFigurePrefix) + size.name;
-        figure.unit = "ns/byte";
-        figure.value = Summarize(productSamples);
-        figure.floorName = "plain copy";
-        figure.floor = Summarize(floorSamples);
-        figure.ratio = figure.value.median / figure.floor.median;
+    std::vector<Figure> figures;
+    for (size_t i = 0; i < measured.size(); ++i) {
+        Figure figure = Compare("detail text", std::string(kFigurePrefix) + sizes[i].name, "ns/byte",
+                                measured[i].product, "plain copy", measured[i].copy);
         char note[96];
-        std::snprintf(note, sizeof note, "%zu line breaks; %.1f us a call", CountLineBreaks(message),
-                      figure.value.median * static_cast<double>(size.bytes) / 1000.0);
+        std::snprintf(note, sizeof note, "%zu line breaks; %.1f us a call", CountLineBreaks(measured[i].message),
+                      figure.value.median * static_cast<double>(sizes[i].bytes) / 1000.0);
         figure.note = note;
         figures.push_back(figure);
     }
 
     // Linear: the cost per byte stays within a factor of two from the
-    // cheapest size to the dearest.
-    const Figure* cheapest = &figures.front();
-    const Figure* dearest = &figures.front();
-    for (const Figure& figure : figures) {
-        if (figure.value.median < cheapest->value.median) {
-            cheapest = &figure;
+    // cheapest size to the dearest, compared round by round.
+    size_t cheapest = 0;
+    size_t dearest = 0;
+    for (size_t i = 0; i < figures.size(); ++i) {
+        if (figures[i].value.median < figures[cheapest].value.median) {
+            cheapest = i;
         }
-        if (figure.value.median > dearest->value.median) {
-            dearest = &figure;
+        if (figures[i].value.median > figures[dearest].value.median) {
+            dearest = i;
         }
     }
-    Figure spread;
-    spread.section = "detail text";
-    spread.name = "per-byte spread";
-    spread.unit = "ns/byte";
-    spread.value = dearest->value;
-    spread.floorName = "cheapest size";
-    spread.floor = cheapest->value;
-    spread.ratio = dearest->value.median / cheapest->value.median;
-    spread.goal = "<= 2x (linear)";
-    spread.met = spread.ratio <= 2.0;
-    spread.note =
-        dearest->name.substr(sizeof kFigurePrefix - 1) + " over " + cheapest->name.substr(sizeof kFigurePrefix - 1);
+    Figure spread = Compare("detail text", "per-byte spread", "ns/byte", measured[dearest].product, "cheapest size",
+                            measured[cheapest].product);
+    SetGoal(spread, 2.0, false, "<= 2x");
+    spread.note = std::string(sizes[dearest].name) + " over " + sizes[cheapest].name;
     figures.push_back(spread);
     return figures;
 }

@@ -58,25 +58,31 @@ bool Selected(const std::string& only, const char* name)
     return list.find("," + std::string(name) + ",") != std::string::npos;
 }
 
-// "section figure: ratio 1.62x, goal ..." for every figure whose goal does not hold.
+// "section figure: ratio 1.62x, goal ..." for every figure whose median misses its goal.
 std::vector<std::string> MissedGoals(const std::vector<zeph::bench::Figure>& figures)
 {
     std::vector<std::string> missed;
     for (const zeph::bench::Figure& figure : figures) {
         if (!figure.goal.empty() && !figure.met) {
-            char ratio[32];
-            std::snprintf(ratio, sizeof ratio, "%.2fx", figure.ratio);
-            missed.push_back(figure.section + " " + figure.name + ": ratio " + ratio + ", goal " + figure.goal);
+            char judged[64];
+            if (figure.valueGoal) {
+                std::snprintf(judged, sizeof judged, "%.2f %s", figure.value.median, figure.unit.c_str());
+            } else {
+                std::snprintf(judged, sizeof judged, "ratio %.2fx", figure.ratio);
+            }
+            missed.push_back(figure.section + " " + figure.name + ": " + judged + ", goal " + figure.goal +
+                             (figure.decided ? "" : " (unsure: its interval holds the limit)"));
         }
     }
     return missed;
 }
 
 // Runs one section in a fresh process of this program and appends its figures.
-bool RunSection(const Section& section, const zeph::bench::Options& options, const char* again,
-                std::vector<zeph::bench::Figure>& figures)
+bool RunSection(const Section& section, const zeph::bench::Options& options, std::vector<zeph::bench::Figure>& figures)
 {
-    std::fprintf(stderr, "zeph-bench: %s%s...\n", section.title, again);
+    std::fprintf(stderr, "zeph-bench: %s...", section.title);
+    std::fflush(stderr);
+    const double start = zeph::bench::NowNs();
     const std::wstring path = zeph::bench::NewTemporaryFile();
     const std::string name = section.name;
     std::wstring arguments = L"--section " + std::wstring(name.begin(), name.end()) + L" --figures \"" + path + L"\"";
@@ -86,7 +92,9 @@ bool RunSection(const Section& section, const zeph::bench::Options& options, con
     const bool ran = zeph::bench::RunSelf(arguments) && zeph::bench::ReadFigures(path, figures);
     ::DeleteFileW(path.c_str());
     if (!ran) {
-        std::fprintf(stderr, "zeph-bench: the %s section failed\n", section.title);
+        std::fprintf(stderr, "\nzeph-bench: the %s section failed\n", section.title);
+    } else {
+        std::fprintf(stderr, " %.0f s\n", (zeph::bench::NowNs() - start) / 1e9);
     }
     return ran;
 }
@@ -153,19 +161,9 @@ int wmain(int argc, wchar_t** argv)
         if (!Selected(only, candidate.name)) {
             continue;
         }
-        std::vector<zeph::bench::Figure> own;
-        if (!RunSection(candidate, options, "", own)) {
+        if (!RunSection(candidate, options, figures)) {
             return 1;
         }
-        // A goal missed once may be noise from the other work on the machine: the
-        // section runs once more, and that run's figures stand.
-        if (!options.quick && !MissedGoals(own).empty()) {
-            own.clear();
-            if (!RunSection(candidate, options, " again (a goal was missed)", own)) {
-                return 1;
-            }
-        }
-        figures.insert(figures.end(), own.begin(), own.end());
     }
     const double seconds = (zeph::bench::NowNs() - start) / 1e9;
 

@@ -156,7 +156,12 @@ int RunMemoryChild(const wchar_t* side, const wchar_t* resultPath, bool quick)
 
 std::vector<Figure> MeasureMemory(const Options& options)
 {
-    const int runs = options.quick ? 1 : 3;
+    // A round is one process of each side, so few of them.
+    const Budget budget = options.quick ? Budget{1, 1, 0} : Budget{5, 15, 60};
+    // Settled to a tenth of each goal.
+    constexpr double kPrivateGoal = 16.0;
+    constexpr double kHeapGoal = 1.0;
+
     std::vector<double> provider;
     std::vector<double> floor;
     std::vector<double> own;
@@ -164,73 +169,58 @@ std::vector<Figure> MeasureMemory(const Options& options)
     std::vector<double> floorHeap;
     std::vector<double> ownHeap;
     LONG64 events = 0;
-    for (int i = 0; i < runs; ++i) {
-        ChildResult p;
-        ChildResult f;
-        const bool providerFirst = i % 2 == 1;
-        if ((providerFirst && !RunChild(L"provider", options.quick, p)) || !RunChild(L"floor", options.quick, f) ||
-            (!providerFirst && !RunChild(L"provider", options.quick, p))) {
-            Fail("a memory run failed");
-        }
-        if (p.publishersLeftOpen != p.events || f.publishersLeftOpen != f.events) {
-            Fail("the two sides did not leave the same handles open");
-        }
-        provider.push_back(p.bytesPerEvent);
-        floor.push_back(f.bytesPerEvent);
-        own.push_back(p.bytesPerEvent - f.bytesPerEvent);
-        providerHeap.push_back(p.heapBytesPerEvent);
-        floorHeap.push_back(f.heapBytesPerEvent);
-        ownHeap.push_back(p.heapBytesPerEvent - f.heapBytesPerEvent);
-        events = p.events;
-    }
+    RunRounds(
+        budget,
+        [&](int round) {
+            if (round < 0) {
+                return;  // each side starts afresh: nothing to warm up
+            }
+            ChildResult p;
+            ChildResult f;
+            const bool providerFirst = round % 2 == 0;
+            if ((providerFirst && !RunChild(L"provider", options.quick, p)) || !RunChild(L"floor", options.quick, f) ||
+                (!providerFirst && !RunChild(L"provider", options.quick, p))) {
+                Fail("a memory run failed");
+            }
+            if (p.publishersLeftOpen != p.events || f.publishersLeftOpen != f.events) {
+                Fail("the two sides did not leave the same handles open");
+            }
+            provider.push_back(p.bytesPerEvent);
+            floor.push_back(f.bytesPerEvent);
+            own.push_back(p.bytesPerEvent - f.bytesPerEvent);
+            providerHeap.push_back(p.heapBytesPerEvent);
+            floorHeap.push_back(f.heapBytesPerEvent);
+            ownHeap.push_back(p.heapBytesPerEvent - f.heapBytesPerEvent);
+            events = p.events;
+        },
+        [&] { return Settled(own, kPrivateGoal / 10, false) && Settled(ownHeap, kHeapGoal / 10, false); });
 
-    Figure total;
-    total.section = "memory";
-    total.name = "private bytes per crash event";
-    total.unit = "B/event";
-    total.value = Summarize(provider);
-    total.floorName = "bare subscriber, same left open";
-    total.floor = Summarize(floor);
-    total.ratio = total.value.median / total.floor.median;
-    total.note = std::to_string(events) + " events parsed and reported";
+    const std::string parsed = std::to_string(events) + " events parsed and reported";
+    Figure total = Compare("memory", "private bytes per crash event", "B/event", provider,
+                           "bare subscriber, same left open", floor);
+    total.note = parsed;
 
     // Heap layout moves private bytes by a few tens of bytes per event either
     // way; anything the provider kept per event would be at least one heap
     // block on top.
-    Figure beyond;
-    beyond.section = "memory";
-    beyond.name = "provider's own, private bytes";
-    beyond.unit = "B/event";
-    beyond.value = Summarize(own);
-    beyond.floorName = "allowed: render buffer + publisher handle";
-    beyond.floor = total.floor;
-    beyond.ratio = total.ratio;
-    beyond.goal = "< 16 B/event beyond floor";
-    beyond.met = beyond.value.median < 16.0;
-    beyond.note = "provider minus floor";
+    Figure beyond = Measured("memory", "provider's own, private bytes", "B/event", own);
+    SetGoal(beyond, kPrivateGoal, true, "<= 16 B");
+    beyond.note = "provider minus floor, process by process";
+    beyond.belowZero =
+        "below zero: the provider's process grew less than the floor's; private bytes follow the heaps' "
+        "layout, so less than the floor means nothing kept per event, not memory given back";
 
-    Figure heap;
-    heap.section = "memory";
-    heap.name = "heap bytes in use per crash event";
-    heap.unit = "B/event";
-    heap.value = Summarize(providerHeap);
-    heap.floorName = "bare subscriber, same left open";
-    heap.floor = Summarize(floorHeap);
-    heap.ratio = heap.value.median / heap.floor.median;
+    Figure heap = Compare("memory", "heap bytes in use per crash event", "B/event", providerHeap,
+                          "bare subscriber, same left open", floorHeap);
     heap.note = "every heap of the process walked, before and after";
 
     // Counted block by block, so exact: zero beyond the floor means nothing kept.
-    Figure heapBeyond;
-    heapBeyond.section = "memory";
-    heapBeyond.name = "provider's own, heap bytes in use";
-    heapBeyond.unit = "B/event";
-    heapBeyond.value = Summarize(ownHeap);
-    heapBeyond.floorName = "allowed: render buffer + publisher handle";
-    heapBeyond.floor = heap.floor;
-    heapBeyond.ratio = heap.ratio;
-    heapBeyond.goal = "< 1 B/event beyond floor";
-    heapBeyond.met = heapBeyond.value.median < 1.0;
-    heapBeyond.note = "provider minus floor";
+    Figure heapBeyond = Measured("memory", "provider's own, heap bytes in use", "B/event", ownHeap);
+    SetGoal(heapBeyond, kHeapGoal, true, "<= 1 B");
+    heapBeyond.note = "provider minus floor, process by process";
+    heapBeyond.belowZero =
+        "below zero: fewer bytes in use in the provider's process than in the floor's, by blocks the two "
+        "sides' runtimes allocate differently; nothing is kept per event";
     return {total, beyond, heap, heapBeyond};
 }
 

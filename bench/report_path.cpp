@@ -98,7 +98,7 @@ std::vector<Figure> MeasureReportPath(const Options& options)
 {
     const std::vector<size_t> sizes =
         options.quick ? std::vector<size_t>{1000, 10000} : std::vector<size_t>{1000, 10000, 100000};
-    const int runs = options.quick ? 3 : 9;
+    const Budget budget = options.quick ? Budget{3, 3, 0} : Budget{11, 61, 60};
 
     AddChannel(kChannel);
     HostedProvider provider(kProductionLogLevels);
@@ -136,66 +136,62 @@ std::vector<Figure> MeasureReportPath(const Options& options)
         return elapsed / 1e6;
     };
 
-    // The sizes take turns, run after run, so that what every fill leaves open
-    // in the process weighs on each of them alike.
+    // In a round every size is drained by both sides in turn, so that what every
+    // fill leaves open in the process weighs on each of them alike.
     std::vector<std::vector<double>> productSamples(sizes.size());
     std::vector<std::vector<double>> floorSamples(sizes.size());
-    for (int run = -1; run < runs; ++run) {  // run -1 warms up and is not recorded
-        for (size_t i = 0; i < sizes.size(); ++i) {
-            const bool productFirst = run % 2 == 0;
-            const double first = productFirst ? product(i) : direct(i);
-            const double second = productFirst ? direct(i) : product(i);
-            if (run >= 0) {
-                productSamples[i].push_back(productFirst ? first : second);
-                floorSamples[i].push_back(productFirst ? second : first);
+    RunRounds(
+        budget,
+        [&](int round) {
+            for (size_t i = 0; i < sizes.size(); ++i) {
+                const bool productFirst = round % 2 == 0;
+                const double first = productFirst ? product(i) : direct(i);
+                const double second = productFirst ? direct(i) : product(i);
+                if (round >= 0) {
+                    productSamples[i].push_back(productFirst ? first : second);
+                    floorSamples[i].push_back(productFirst ? second : first);
+                }
             }
-        }
-    }
+        },
+        [&] {
+            // Every size's ratio, and the largest step of growth.
+            for (size_t i = 0; i < sizes.size(); ++i) {
+                if (!Settled(PairRatios(productSamples[i], floorSamples[i]), kRatioTolerance, true)) {
+                    return false;
+                }
+            }
+            const size_t last = sizes.size() - 1;
+            return Settled(PairRatios(productSamples[last], productSamples[last - 1]), kRatioTolerance, true);
+        });
     sink->Release();
 
     std::vector<Figure> figures;
     for (size_t i = 0; i < sizes.size(); ++i) {
-        const size_t size = sizes[i];
-        Figure figure;
-        figure.section = "report path";
-        figure.name = "drain " + std::to_string(size) + " crashes";
-        figure.unit = "ms";
-        figure.value = Summarize(productSamples[i]);
-        figure.floorName = "sink calls alone";
-        figure.floor = Summarize(floorSamples[i]);
-        figure.ratio = figure.value.median / figure.floor.median;
-        figure.goal = "<= 2x floor";
-        figure.met = figure.ratio <= 2.0;
-        char note[96];
-        std::snprintf(note, sizeof note, "%.2f us a crash", figure.value.median * 1000.0 / static_cast<double>(size));
+        Figure figure = Compare("report path", "drain " + std::to_string(sizes[i]) + " crashes", "ms",
+                                productSamples[i], "sink calls alone", floorSamples[i]);
+        SetGoal(figure, 1.2, false, "<= 1.2x");
+        char note[64];
+        std::snprintf(note, sizeof note, "%.2f us a crash",
+                      figure.value.median * 1000.0 / static_cast<double>(sizes[i]));
         figure.note = note;
         figures.push_back(figure);
     }
 
-    // Linear: ten times the crashes may cost at most twelve times the time.
-    std::vector<Figure> growths;
+    // Linear: ten times the crashes may cost at most twelve times the time. The
+    // goal is on the largest step; the smaller one shows the shape (small drains
+    // fit in the caches).
     for (size_t i = 1; i < sizes.size(); ++i) {
         if (sizes[i] != sizes[i - 1] * 10) {
             continue;
         }
-        const Figure& smaller = figures[i - 1];
-        const Figure& larger = figures[i];
-        Figure growth;
-        growth.section = "report path";
-        growth.name = "growth " + std::to_string(sizes[i - 1]) + " -> " + std::to_string(sizes[i]);
-        growth.unit = "ms";
-        growth.value = larger.value;
-        growth.floorName = smaller.name;
-        growth.floor = smaller.value;
-        growth.ratio = larger.value.median / smaller.value.median;
-        // The goal is on the largest step; the smaller one shows the shape.
+        Figure step =
+            Compare("report path", "growth " + std::to_string(sizes[i - 1]) + " -> " + std::to_string(sizes[i]), "ms",
+                    productSamples[i], figures[i - 1].name, productSamples[i - 1]);
         if (sizes[i] >= 100000) {
-            growth.goal = "<= 12x (linear)";
-            growth.met = growth.ratio <= 12.0;
+            SetGoal(step, 12.0, false, "<= 12x");
         }
-        growths.push_back(growth);
+        figures.push_back(step);
     }
-    figures.insert(figures.end(), growths.begin(), growths.end());
     return figures;
 }
 
