@@ -24,7 +24,9 @@ wait_for() {
 "$build/wine-run" "$build/bin/zeph-host.exe" --config "$(windows_path "$demo/zeph-host.xml")" \
     --dll "$(windows_path "$build/bin/zeph_eventlog.dll")" --interval 1 --log info >"$tmp/out" 2>"$tmp/err" &
 pid=$!
-wait_for 1200 grep -qs '^Query 1 at ' "$tmp/out" || fail "no first query within two minutes"
+# A zeph-host that ends before its first query fails at once, not after the two minutes.
+wait_for 1200 eval 'grep -qs "^Query 1 at " "$tmp/out" || ! kill -0 "$pid" 2>/dev/null'
+grep -qs '^Query 1 at ' "$tmp/out" || fail "no first query within two minutes, or zeph-host ended before it"
 kill -INT "$pid"
 wait_for 600 eval '! kill -0 "$pid" 2>/dev/null' || fail "still running a minute after Ctrl+C"
 wait "$pid"

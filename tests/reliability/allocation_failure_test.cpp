@@ -23,7 +23,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <new>
 #include <string>
@@ -65,21 +64,19 @@ void Free(void* block) noexcept
 }
 
 // The system allocations the provider makes itself (BSTRs, its own heap's
-// blocks) count too: this executable's imports of them are redirected.
+// blocks) count too: this executable's import slots of them, known by the
+// address the loader put there, are redirected.
 template <typename Function>
 Function RedirectImport(const char* module, const char* name, Function replacement)
 {
+    const auto target = reinterpret_cast<ULONG_PTR>(::GetProcAddress(::GetModuleHandleA(module), name));
     auto* base = reinterpret_cast<BYTE*>(::GetModuleHandleW(nullptr));
     const auto* dos = reinterpret_cast<IMAGE_DOS_HEADER*>(base);
     const auto* headers = reinterpret_cast<IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
     const DWORD imports = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
     for (auto* dll = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + imports); dll->Name != 0; ++dll) {
-        auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + dll->OriginalFirstThunk);
-        auto* slot = reinterpret_cast<IMAGE_THUNK_DATA*>(base + dll->FirstThunk);
-        for (; _stricmp(reinterpret_cast<char*>(base + dll->Name), module) == 0 && names->u1.AddressOfData != 0;
-             ++names, ++slot) {
-            if (!IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal) &&
-                std::strcmp(reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name, name) == 0) {
+        for (auto* slot = reinterpret_cast<IMAGE_THUNK_DATA*>(base + dll->FirstThunk); slot->u1.Function != 0; ++slot) {
+            if (target != 0 && slot->u1.Function == target) {
                 DWORD protection = 0;
                 ::VirtualProtect(&slot->u1.Function, sizeof(slot->u1.Function), PAGE_READWRITE, &protection);
                 const auto original = reinterpret_cast<Function>(slot->u1.Function);
