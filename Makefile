@@ -36,7 +36,7 @@ help:
 	@echo "make bench                the benchmarks, each figure beside its floor; exit 1 on a missed goal"
 	@echo "make coverage             the suite with coverage counters, in build-coverage/"
 	@echo "make build                everything (product, tools, tests, benchmarks) with GCC, in build/"
-	@echo "make build-clang          everything with Clang, in build-clang/ (never run)"
+	@echo "make build-clang          everything with Clang, in build-clang/, the checked build"
 	@echo "make demo-build           only what the demo and make run need"
 	@echo "make deps                 install the Debian packages the build needs"
 	@echo "make format               apply .clang-format; make format-check names the files that differ"
