@@ -132,8 +132,7 @@ void WaitForDeliveries()
     }
 }
 
-HostedProvider::HostedProvider(ULONG logLevels)
-    : logger_(new DiscardingLogger(logLevels)), context_(new EmptyHostContext())
+HostedProvider::HostedProvider(ULONG logLevels) : logger_(new HostLogger(logLevels, false)), context_(new HostContext())
 {
     if (FAILED(ComObject<CProvider>::Create(IID_PPV_ARGS(&provider_))) ||
         FAILED(provider_->SetHostInterfaces(logger_, context_))) {

@@ -6,9 +6,9 @@
 // token.
 
 #include "benchmarks.h"
-#include "host_doubles.h"
 #include "layering/quillon_log_collector.h"
 #include "scenario.h"
+#include "support/host_logger.h"
 #include "win/code_unit_search.h"
 
 #include <objbase.h>
@@ -193,7 +193,7 @@ Figure MeasureCollector(ULONG levels, bool collectFirst, const char* name, const
     const std::wstring segment = LogSegment();
     const DWORD headBytes = static_cast<DWORD>(head.size() * sizeof(wchar_t));
 
-    auto* logger = new DiscardingLogger(levels);
+    auto* logger = new HostLogger(levels, false);
     CQuillonLogCollector collector(logger);
     logger->Release();
 

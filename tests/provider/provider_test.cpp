@@ -7,8 +7,8 @@
 #include "metric/diagnostics.h"
 #include "provider/metric_factory.h"
 #include "provider/provider.h"
-#include "recording_logger.h"
-#include "recording_sink.h"
+#include "support/host_logger.h"
+#include "support/host_value_sink.h"
 #include "simulated_event_log.h"
 #include "win/com_strings.h"
 #include "win/hresult.h"
@@ -74,9 +74,9 @@ protected:
     static LONG64 OpenSubscriptions() { return ::EvtSimOpenHandles(EVT_SIM_KIND_SUBSCRIPTION); }
 
     ComPtr<IZephDataProvider> provider_;
-    ComPtr<RecordingLogger> logger_ = Adopt(new RecordingLogger(0x7));
-    ComPtr<CountingHostContext> context_ = Adopt(new CountingHostContext());
-    ComPtr<RecordingSink> sink_ = Adopt(new RecordingSink());
+    ComPtr<HostLogger> logger_ = Adopt(new HostLogger(0x7));
+    ComPtr<HostContext> context_ = Adopt(new HostContext());
+    ComPtr<HostValueSink> sink_ = Adopt(new HostValueSink());
     ComPtr<IXMLDOMElement> config_ =
         MakeMetricConfig(L"Application", L"*[System[Provider[@Name='Application Error']]]");
     std::vector<unique_bstr> strings_;
@@ -190,8 +190,8 @@ TEST_F(ProviderTest, SetHostInterfacesKeepsOneReferenceAndMetricsKeepTheirOwn)
     EXPECT_EQ(logger_->References(), 3u);  // the metric holds one too
     EXPECT_EQ(context_->References(), 3u);
 
-    const ComPtr<RecordingLogger> logger2 = Adopt(new RecordingLogger(0x7));
-    const ComPtr<CountingHostContext> context2 = Adopt(new CountingHostContext());
+    const ComPtr<HostLogger> logger2 = Adopt(new HostLogger(0x7));
+    const ComPtr<HostContext> context2 = Adopt(new HostContext());
     ASSERT_EQ(provider_->SetHostInterfaces(logger2.Get(), context2.Get()), S_OK);
     EXPECT_EQ(logger_->References(), 2u);  // only the metric's is left
     EXPECT_EQ(context_->References(), 2u);

@@ -38,7 +38,38 @@ void Write(FILE* stream, std::wstring_view text)
     std::fflush(stream);
 }
 
+// Continuation lines of a multi-line text start indented under the first.
+std::wstring IndentLines(std::wstring_view text)
+{
+    // A system message text brings its own line end.
+    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' ')) {
+        text.remove_suffix(1);
+    }
+    std::wstring result;
+    result.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == L'\r' && i + 1 < text.size() && text[i + 1] == L'\n') {
+            continue;
+        }
+        result += text[i];
+        if (text[i] == L'\n') {
+            result += L"    ";
+        }
+    }
+    return result;
+}
+
 }  // namespace
+
+void PrintLogLine(LogLevel level, std::wstring_view category, std::wstring_view text)
+{
+    const wchar_t* name = level == LogLevel::Error ? L"error" : level == LogLevel::Warning ? L"warning" : L"info";
+    SYSTEMTIME now = {};
+    ::GetLocalTime(&now);
+    wchar_t stamp[32] = {};
+    std::swprintf(stamp, 32, L"%02u:%02u:%02u.%03u [", now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
+    WriteErr(stamp + std::wstring(name) + L"] " + std::wstring(category) + L": " + IndentLines(text) + L"\n");
+}
 
 void WriteOut(std::wstring_view text)
 {

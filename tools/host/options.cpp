@@ -50,7 +50,7 @@ ULONG ParseLogLevels(const std::wstring& text)
         return 0;
     }
     if (lower == L"all") {
-        return kLevelError | kLevelWarning | kLevelInfo;
+        return LevelBit(LogLevel::Error) | LevelBit(LogLevel::Warning) | LevelBit(LogLevel::Info);
     }
     ULONG levels = 0;
     size_t start = 0;
@@ -61,11 +61,11 @@ ULONG ParseLogLevels(const std::wstring& text)
         }
         const std::wstring word = lower.substr(start, end - start);
         if (word == L"error") {
-            levels |= kLevelError;
+            levels |= LevelBit(LogLevel::Error);
         } else if (word == L"warning") {
-            levels |= kLevelWarning;
+            levels |= LevelBit(LogLevel::Warning);
         } else if (word == L"info") {
-            levels |= kLevelInfo;
+            levels |= LevelBit(LogLevel::Info);
         } else {
             UsageError(L"--log takes error, warning, info (comma-separated), all or none, not '" + text + L"'");
         }

@@ -37,7 +37,7 @@ std::wstring OneLine(std::wstring_view text)
     return result;
 }
 
-std::wstring TableValue(const MetricValue& value)
+std::wstring TableValue(const SinkWrite& value)
 {
     if (value.type == VT_BSTR) {
         return OneLine(value.text);
@@ -139,12 +139,12 @@ std::wstring TableLines(const MetricQuery& query)
     text += L"\n";
     size_t keyWidth = 0;
     size_t instanceWidth = 0;
-    for (const MetricValue& value : query.values) {
+    for (const SinkWrite& value : query.values) {
         keyWidth = std::max(keyWidth, value.key.size());
-        instanceWidth = std::max(instanceWidth, value.instance.size());
+        instanceWidth = std::max(instanceWidth, value.name.size());
     }
-    for (const MetricValue& value : query.values) {
-        text += L"  " + Padded(value.key, keyWidth) + L"  " + Padded(value.instance, instanceWidth) + L"  " +
+    for (const SinkWrite& value : query.values) {
+        text += L"  " + Padded(value.key, keyWidth) + L"  " + Padded(value.name, instanceWidth) + L"  " +
                 TableValue(value) + L"\n";
     }
     return text;
@@ -155,8 +155,8 @@ std::wstring JsonLines(const MetricQuery& query, const SYSTEMTIME& utcNow)
     const std::wstring prefix =
         L"{\"query\":" + std::to_wstring(query.query) + L",\"metric\":" + JsonString(query.metric);
     std::wstring text;
-    for (const MetricValue& value : query.values) {
-        text += prefix + L",\"key\":" + JsonString(value.key) + L",\"instance\":" + JsonString(value.instance);
+    for (const SinkWrite& value : query.values) {
+        text += prefix + L",\"key\":" + JsonString(value.key) + L",\"instance\":" + JsonString(value.name);
         if (value.type == VT_BSTR) {
             text += L",\"type\":\"string\",\"value\":" + JsonString(value.text);
         } else if (value.type == VT_UI8) {

@@ -1,7 +1,7 @@
 #include "xml_parse_fault.h"
 
 #include "console.h"
-#include "com/ref_counted_object.h"
+#include "support/ref_counted_object.h"
 
 #include <msxml2.h>
 #include <oleauto.h>
