@@ -4,6 +4,7 @@
 
 #include "machine_name.h"
 #include "scratch.h"
+#include "support/text.h"
 
 #include <windows.h>
 #include <objbase.h>
@@ -50,11 +51,7 @@ constexpr char kCrashConfig[] = R"(<zeph-host>
 inline std::wstring ReadUtf8File(const std::wstring& path)
 {
     std::ifstream file(std::filesystem::path(path), std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    std::wstring text(bytes.size(), L'\0');
-    text.resize(::MultiByteToWideChar(CP_UTF8, 0, bytes.data(), static_cast<int>(bytes.size()), text.data(),
-                                      static_cast<int>(text.size())));
-    return text;
+    return FromUtf8(std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>()));
 }
 
 // Runs zeph-host.exe with the arguments; a run that takes more than two minutes

@@ -1,5 +1,6 @@
 #include "console.h"
 
+#include "support/text.h"
 #include "win/unique_resource.h"
 
 #include <fcntl.h>
@@ -16,18 +17,6 @@ std::mutex& OutputLock()
 {
     static std::mutex lock;
     return lock;
-}
-
-std::string ToUtf8(std::wstring_view text)
-{
-    if (text.empty()) {
-        return {};
-    }
-    const int size =
-        ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string bytes(static_cast<size_t>(size), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), bytes.data(), size, nullptr, nullptr);
-    return bytes;
 }
 
 void Write(FILE* stream, std::wstring_view text)

@@ -2,6 +2,7 @@
 
 #include "console.h"
 #include "scenario.h"
+#include "support/text.h"
 #include "win/com_strings.h"
 #include "win/unique_resource.h"
 #include "xml_parse_fault.h"
@@ -217,19 +218,6 @@ Scan ScanEvents(std::wstring_view text)
         return fail(n, L"the file holds no <Event>");
     }
     return scan;
-}
-
-std::string ToUtf8(std::wstring_view text)
-{
-    std::string bytes;
-    if (!text.empty()) {
-        const int size =
-            ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-        bytes.resize(static_cast<size_t>(size));
-        ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), bytes.data(), size, nullptr,
-                              nullptr);
-    }
-    return bytes;
 }
 
 // The parse-error object's line, column and reason; where it has none (Wine's),

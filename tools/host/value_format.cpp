@@ -1,6 +1,7 @@
 #include "value_format.h"
 
 #include "console.h"
+#include "win/file_time.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -9,8 +10,6 @@ namespace zeph::host {
 
 namespace {
 
-constexpr ULONGLONG kUnixEpochAsFileTime = 116444736000000000ull;
-constexpr ULONGLONG kFileTimeUnitsPerMs = 10000;
 constexpr ULONGLONG kMaxFileTime = 0x7FFFFFFFFFFFFFFFull;
 
 std::wstring HexCode(HRESULT code)
@@ -65,9 +64,7 @@ std::optional<std::wstring> UtcText(ULONGLONG unixMilliseconds, bool iso)
         return std::nullopt;
     }
     const ULONGLONG fileTime = unixMilliseconds * kFileTimeUnitsPerMs + kUnixEpochAsFileTime;
-    FILETIME time;
-    time.dwLowDateTime = static_cast<DWORD>(fileTime);
-    time.dwHighDateTime = static_cast<DWORD>(fileTime >> 32);
+    const FILETIME time = FileTimeOfCount(fileTime);
     SYSTEMTIME utc = {};
     if (!::FileTimeToSystemTime(&time, &utc)) {
         return std::nullopt;

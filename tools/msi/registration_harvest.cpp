@@ -1,10 +1,9 @@
 #include "registration_harvest.h"
 
+#include "support/text.h"
 #include "win/unique_resource.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <cwctype>
 #include <map>
 #include <utility>
 
@@ -48,12 +47,6 @@ void Check(LSTATUS status, const std::string& what)
     }
 }
 
-std::wstring Lower(std::wstring text)
-{
-    std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) { return std::towlower(c); });
-    return text;
-}
-
 HarvestedRow RowKind(const wchar_t* root, bool view32)
 {
     HarvestedRow row;
@@ -68,8 +61,8 @@ using Snapshot = std::map<std::wstring, HarvestedRow>;
 
 std::wstring EntryId(const HarvestedRow& row)
 {
-    return row.root + (row.view32 ? L"32\n" : L"\n") + Lower(row.key) +
-           (row.hasValue ? L"\n1" + Lower(row.valueName) : L"\n0");
+    return row.root + (row.view32 ? L"32\n" : L"\n") + AsciiLower(row.key) +
+           (row.hasValue ? L"\n1" + AsciiLower(row.valueName) : L"\n0");
 }
 
 // Keys that stand for another (the view's shared keys) are links; they are read
@@ -122,7 +115,7 @@ void ReadTree(HKEY key, const std::wstring& path, const HarvestedRow& kind, cons
         Check(::RegEnumKeyExW(key, i, name.data(), &length, nullptr, nullptr, nullptr, nullptr),
               "cannot list the subkeys of " + Narrow(path));
         name.resize(length);
-        if (Lower(name) == Lower(skipped) || IsLink(key, name)) {
+        if (AsciiLower(name) == AsciiLower(skipped) || IsLink(key, name)) {
             continue;
         }
         unique_hkey subkey;

@@ -20,7 +20,7 @@ namespace zeph {
 
 struct SinkWrite {
     std::wstring key;
-    std::wstring name;      // the instance the value is for
+    std::wstring name;  // the instance the value is for
     VARTYPE type = VT_EMPTY;
     std::wstring text;      // VT_BSTR values, and other types changed to text
     ULONGLONG number = 0;   // VT_UI8 values
