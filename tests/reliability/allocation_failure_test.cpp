@@ -16,6 +16,7 @@
 #include "support/host_logger.h"
 #include "support/host_value_sink.h"
 #include "simulated_event_log.h"
+#include "win/com_strings.h"
 
 #include <gtest/gtest.h>
 

@@ -19,14 +19,6 @@ namespace {
 constexpr wchar_t kEventTag[] = L"Event";
 constexpr wchar_t kEventsTag[] = L"Events";
 
-std::wstring LocalName(IXMLDOMElement* element)
-{
-    BSTR name = nullptr;
-    element->get_baseName(&name);
-    const unique_bstr owned(name);
-    return name != nullptr ? std::wstring(name, ::SysStringLen(name)) : std::wstring();
-}
-
 ComPtr<IXMLDOMElement> Child(IXMLDOMElement* parent, const wchar_t* localName)
 {
     for (auto& child : ChildElements(parent)) {
@@ -222,19 +214,12 @@ Scan ScanEvents(std::wstring_view text)
 
 // The parse-error object's line, column and reason; where it has none (Wine's),
 // those of the SAX reader on the same text.
-std::wstring ParseErrorOf(IXMLDOMDocument* document, const Position& start, const std::string& source)
+std::wstring DomFaultText(IXMLDOMDocument* document, const Position& start, const std::string& source)
 {
-    ComPtr<IXMLDOMParseError> error;
-    long line = 0;
-    long column = 0;
-    BSTR reason = nullptr;
-    if (SUCCEEDED(document->get_parseError(&error)) && error) {
-        error->get_line(&line);
-        error->get_linepos(&column);
-        error->get_reason(&reason);
-    }
-    const unique_bstr owned(reason);
-    std::wstring text = reason != nullptr ? Trimmed(std::wstring(reason, ::SysStringLen(reason))) : std::wstring();
+    const DomParseError error = ParseErrorOf(document);
+    long line = error.line;
+    long column = error.column;
+    std::wstring text = Trimmed(error.reason);
     if (line <= 0) {
         if (const auto fault = XmlParseFault(source)) {
             line = fault->line;
@@ -350,19 +335,7 @@ EventFile ParseEventText(std::wstring_view text)
 {
     EventFile file;
     const Scan scan = ScanEvents(text);
-    ComPtr<IXMLDOMDocument> document;
-    if (!scan.events.empty()) {
-        const HRESULT result =
-            ::CoCreateInstance(kClsidDomDocument30, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&document));
-        if (FAILED(result)) {
-            throw HostError(ExitCode::RunFailed,
-                            L"cannot create the XML parser (MSXML 3.0): " + DescribeError(static_cast<DWORD>(result)));
-        }
-        document->put_async(VARIANT_FALSE);
-        document->put_validateOnParse(VARIANT_FALSE);
-        document->put_resolveExternals(VARIANT_FALSE);
-        document->put_preserveWhiteSpace(VARIANT_TRUE);  // blank insertion strings are data
-    }
+    const ComPtr<IXMLDOMDocument> document = scan.events.empty() ? nullptr : NewHostXmlDocument();
     Position position;  // of the event's start, carried along: a file may hold many thousands
     size_t positionAt = 0;
     for (size_t i = 0; i < scan.events.size(); ++i) {
@@ -372,15 +345,8 @@ EventFile ParseEventText(std::wstring_view text)
         const std::wstring where = L"event " + std::to_wstring(i + 1) + L" (";
         // Loaded as UTF-8 bytes from a stream (see MemoryStream).
         const std::string source = ToUtf8(std::wstring_view(text).substr(start, end - start));
-        VARIANT stream;
-        ::VariantInit(&stream);
-        V_VT(&stream) = VT_UNKNOWN;
-        V_UNKNOWN(&stream) = MemoryStream(source).Detach();
-        VARIANT_BOOL loaded = VARIANT_FALSE;
-        const HRESULT result = document->load(stream, &loaded);
-        ::VariantClear(&stream);
-        if (FAILED(result) || loaded != VARIANT_TRUE) {
-            file.fault = L"event " + std::to_wstring(i + 1) + L": " + ParseErrorOf(document.Get(), position, source);
+        if (LoadXml(document.Get(), MemoryStream(source).Get()) != S_OK) {
+            file.fault = L"event " + std::to_wstring(i + 1) + L": " + DomFaultText(document.Get(), position, source);
             return file;
         }
         try {

@@ -5,9 +5,6 @@
 // the reason, and gives the DOM only well-formed text.
 #pragma once
 
-#include <objidl.h>
-#include <wrl/client.h>
-
 #include <optional>
 #include <string>
 
@@ -24,9 +21,5 @@ struct XmlFault {
 // Nothing when the bytes are well-formed XML (or no SAX reader can be created:
 // the DOM then reports the fault itself).
 std::optional<XmlFault> XmlParseFault(const std::string& bytes);
-
-// The bytes as an in-memory stream, read from its start. DOMDocument::load and the SAX
-// reader take one whole; Wine's loadXML refuses a text node over 10,000,000 bytes.
-Microsoft::WRL::ComPtr<IStream> MemoryStream(const std::string& bytes);
 
 }  // namespace zeph::host
