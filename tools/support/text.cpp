@@ -1,6 +1,9 @@
 #include "support/text.h"
 
+#include "win/com_strings.h"
+
 #include <windows.h>
+#include <objbase.h>
 
 namespace zeph {
 
@@ -37,6 +40,13 @@ std::wstring AsciiLower(std::wstring_view text)
         }
     }
     return result;
+}
+
+std::wstring NewGuidText()
+{
+    GUID guid{};
+    ::CoCreateGuid(&guid);
+    return GuidString(guid);
 }
 
 }  // namespace zeph

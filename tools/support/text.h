@@ -1,6 +1,6 @@
-// Text conversions of the host side: UTF-16 to UTF-8 and back (unpaired surrogates
-// and invalid bytes become U+FFFD), and ASCII case folding for names the system
-// compares without regard to case (options, registry keys, paths).
+// Text of the host side: UTF-16 to UTF-8 and back (unpaired surrogates and invalid
+// bytes become U+FFFD), ASCII case folding for names the system compares without
+// regard to case (options, registry keys, paths), and fresh unique names.
 // Allocation failures throw std::bad_alloc.
 #pragma once
 
@@ -14,5 +14,8 @@ std::wstring FromUtf8(std::string_view bytes);
 
 // A-Z to a-z; every other character as it is.
 std::wstring AsciiLower(std::wstring_view text);
+
+// A new GUID in registry form, for names nobody else uses.
+std::wstring NewGuidText();
 
 }  // namespace zeph
