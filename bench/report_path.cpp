@@ -7,8 +7,7 @@
 #include "benchmarks.h"
 #include "scenario.h"
 #include "support/host_value_sink.h"
-
-#include <oleauto.h>
+#include "win/com_strings.h"
 
 #include <cstdio>
 #include <string>
@@ -41,20 +40,11 @@ std::vector<std::wstring> DetailTexts(size_t count)
 
 HRESULT WriteDirect(IMetricValueSink* sink, const wchar_t* key, const std::wstring& name, const std::wstring& text)
 {
-    BSTR keyText = ::SysAllocString(key);
-    BSTR nameText = ::SysAllocStringLen(name.data(), static_cast<UINT>(name.size()));
-    VARIANT value;
-    ::VariantInit(&value);
-    V_VT(&value) = VT_BSTR;
-    V_BSTR(&value) = ::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-    if (keyText == nullptr || nameText == nullptr || V_BSTR(&value) == nullptr) {
-        Fail("out of memory");
-    }
-    const HRESULT result = sink->WriteMetricValue(keyText, nameText, &value);
-    ::VariantClear(&value);
-    ::SysFreeString(nameText);
-    ::SysFreeString(keyText);
-    return result;
+    const unique_bstr keyText = MakeBstr(key);
+    const unique_bstr nameText = MakeBstr(name);
+    ScopedVariant value;
+    value.SetString(text);
+    return sink->WriteMetricValue(keyText.get(), nameText.get(), value.get());
 }
 
 HRESULT WriteAllDirect(IMetricValueSink* sink, const std::vector<std::wstring>& texts)

@@ -4,6 +4,7 @@
 
 #include "machine_name.h"
 #include "scratch.h"
+#include "support/child_process.h"
 #include "support/text.h"
 
 #include <windows.h>
@@ -75,27 +76,11 @@ inline HostRun RunZephHost(const std::vector<std::wstring>& arguments)
     };
     unique_file out = capture(outPath), err = capture(errPath);
     EXPECT_TRUE(out && err);
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = out.get();
-    startup.hStdError = err.get();
-    PROCESS_INFORMATION process = {};
+    const ChildRun child = RunChild(commandLine, kTimeoutMs, out.get(), err.get());
+    EXPECT_TRUE(child.started) << "CreateProcess failed: " << child.error;
+    EXPECT_FALSE(child.timedOut) << "zeph-host did not finish in time";
     HostRun run;
-    if (::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
-                         &process)) {
-        if (::WaitForSingleObject(process.hProcess, kTimeoutMs) != WAIT_OBJECT_0) {
-            ADD_FAILURE() << "zeph-host did not finish in time";
-            ::TerminateProcess(process.hProcess, 255);
-            ::WaitForSingleObject(process.hProcess, kTimeoutMs);
-        }
-        ::GetExitCodeProcess(process.hProcess, &run.exitCode);
-        ::CloseHandle(process.hThread);
-        ::CloseHandle(process.hProcess);
-    } else {
-        ADD_FAILURE() << "CreateProcess failed: " << ::GetLastError();
-    }
+    run.exitCode = child.exitCode;
     out.reset();
     err.reset();
     run.out = ReadUtf8File(outPath);

@@ -166,12 +166,12 @@ std::wstring ModulePath(HMODULE module)
 
 Harvest HarvestRegistration(const std::wstring& dllPath)
 {
-    HMODULE module = ::LoadLibraryExW(dllPath.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
-    if (module == nullptr) {
+    const unique_hmodule module(::LoadLibraryExW(dllPath.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+    if (!module) {
         Fail("cannot load " + Narrow(dllPath), static_cast<long>(::GetLastError()));
     }
     using RegisterServer = HRESULT(STDAPICALLTYPE*)();
-    const auto registerServer = reinterpret_cast<RegisterServer>(::GetProcAddress(module, "DllRegisterServer"));
+    const auto registerServer = reinterpret_cast<RegisterServer>(::GetProcAddress(module.get(), "DllRegisterServer"));
     if (registerServer == nullptr) {
         Fail(Narrow(dllPath) + " exports no DllRegisterServer", static_cast<long>(::GetLastError()));
     }
@@ -179,7 +179,7 @@ Harvest HarvestRegistration(const std::wstring& dllPath)
     const ScratchKey scratchRoots[] = {ScratchKey(kScratchOwner), ScratchKey(kScratchOwner)};
     static_assert(std::size(scratchRoots) == std::size(kRedirectedRoots));
 
-    Harvest harvest{ModulePath(module), {}};
+    Harvest harvest{ModulePath(module.get()), {}};
     const Snapshot before = ReadClassesRoot();
     HRESULT registered = E_UNEXPECTED;
     {

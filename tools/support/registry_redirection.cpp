@@ -24,7 +24,8 @@ std::string WithCode(const std::string& what, LSTATUS code)
 
 }  // namespace
 
-RegistryError::RegistryError(const std::string& what, LSTATUS code) : std::runtime_error(WithCode(what, code)), code_(code)
+RegistryError::RegistryError(const std::string& what, LSTATUS code)
+    : std::runtime_error(WithCode(what, code)), code_(code)
 {
 }
 
