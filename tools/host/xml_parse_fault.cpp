@@ -1,63 +1,38 @@
 #include "xml_parse_fault.h"
 
 #include "console.h"
-#include "support/ref_counted_object.h"
-#include "support/sax_reader.h"
 #include "support/xml_document.h"
 
 namespace zeph::host {
 
-namespace {
-
-// Keeps the first fault the reader reports and stops it there.
-class FirstFault final : public RefCountedObject<ISAXErrorHandler> {
-public:
-    STDMETHODIMP error(ISAXLocator* locator, const wchar_t* message, HRESULT code) override
-    {
-        return Keep(locator, message, code);
-    }
-    STDMETHODIMP fatalError(ISAXLocator* locator, const wchar_t* message, HRESULT code) override
-    {
-        return Keep(locator, message, code);
-    }
-    STDMETHODIMP ignorableWarning(ISAXLocator*, const wchar_t*, HRESULT) override { return S_OK; }
-
-    const std::optional<XmlFault>& Fault() const { return fault_; }
-
-private:
-    HRESULT Keep(ISAXLocator* locator, const wchar_t* message, HRESULT code)
-    {
-        if (fault_) {
-            return code;
-        }
-        try {
-            int line = 0;
-            int column = 0;
-            if (locator != nullptr) {
-                locator->getLineNumber(&line);
-                locator->getColumnNumber(&column);
-            }
-            std::wstring reason = message != nullptr ? message : L"";
-            // One line: the parser's message may hold line ends of its own.
-            for (wchar_t& c : reason) {
-                if (c == L'\r' || c == L'\n') {
-                    c = L' ';
-                }
-            }
-            while (!reason.empty() && reason.back() == L' ') {
-                reason.pop_back();
-            }
-            fault_ = XmlFault{line, column, reason};
-        } catch (...) {
-            return E_OUTOFMEMORY;
-        }
+HRESULT FirstXmlFault::Keep(ISAXLocator* locator, const wchar_t* message, HRESULT code)
+{
+    if (fault_) {
         return code;
     }
-
-    std::optional<XmlFault> fault_;
-};
-
-}  // namespace
+    try {
+        int line = 0;
+        int column = 0;
+        if (locator != nullptr) {
+            locator->getLineNumber(&line);
+            locator->getColumnNumber(&column);
+        }
+        std::wstring reason = message != nullptr ? message : L"";
+        // One line: the parser's message may hold line ends of its own.
+        for (wchar_t& c : reason) {
+            if (c == L'\r' || c == L'\n') {
+                c = L' ';
+            }
+        }
+        while (!reason.empty() && reason.back() == L' ') {
+            reason.pop_back();
+        }
+        fault_ = XmlFault{line, column, reason};
+    } catch (...) {
+        return E_OUTOFMEMORY;
+    }
+    return code;
+}
 
 std::wstring XmlFault::Text() const
 {
@@ -71,7 +46,7 @@ std::optional<XmlFault> XmlParseFault(const std::string& bytes)
     if (FAILED(NewSaxReader(reader))) {
         return std::nullopt;
     }
-    const auto handler = Adopt(new FirstFault());
+    const auto handler = Adopt(new FirstXmlFault());
     const HRESULT result = ParseWithSax(reader.Get(), MemoryStream(bytes).Get(), nullptr, handler.Get());
     if (handler->Fault()) {
         return handler->Fault();

@@ -5,6 +5,9 @@
 // the reason, and gives the DOM only well-formed text.
 #pragma once
 
+#include "support/ref_counted_object.h"
+#include "support/sax_reader.h"
+
 #include <optional>
 #include <string>
 
@@ -16,6 +19,27 @@ struct XmlFault {
     std::wstring reason;  // one line
 
     std::wstring Text() const;  // "at line 2, column 22: reason"
+};
+
+// A SAX error handler that keeps the first fault the reader reports and stops it there.
+class FirstXmlFault final : public RefCountedObject<ISAXErrorHandler> {
+public:
+    STDMETHODIMP error(ISAXLocator* locator, const wchar_t* message, HRESULT code) override
+    {
+        return Keep(locator, message, code);
+    }
+    STDMETHODIMP fatalError(ISAXLocator* locator, const wchar_t* message, HRESULT code) override
+    {
+        return Keep(locator, message, code);
+    }
+    STDMETHODIMP ignorableWarning(ISAXLocator*, const wchar_t*, HRESULT) override { return S_OK; }
+
+    const std::optional<XmlFault>& Fault() const { return fault_; }
+
+private:
+    HRESULT Keep(ISAXLocator* locator, const wchar_t* message, HRESULT code);
+
+    std::optional<XmlFault> fault_;
 };
 
 // Nothing when the bytes are well-formed XML (or no SAX reader can be created:
