@@ -67,8 +67,8 @@ public:
             return i + 1;
         }
         // A surrogate pair is one character.
-        const bool pair = c >= 0xD800 && c < 0xDC00 && i + 1 < text_.size() && text_[i + 1] >= 0xDC00 &&
-                          text_[i + 1] < 0xE000;
+        const bool pair =
+            c >= 0xD800 && c < 0xDC00 && i + 1 < text_.size() && text_[i + 1] >= 0xDC00 && text_[i + 1] < 0xE000;
         out += ToUtf8(text_.substr(i, pair ? 2 : 1));
         return i + (pair ? 2 : 1);
     }
@@ -85,8 +85,8 @@ private:
             return text.size();
         }
         const size_t declaration = text.find_first_not_of(L" \t\r\n", end);
-        if (declaration != npos && text.substr(declaration).starts_with(L"<?xml") &&
-            declaration + 5 < text.size() && (std::iswspace(text[declaration + 5]) || text[declaration + 5] == L'?')) {
+        if (declaration != npos && text.substr(declaration).starts_with(L"<?xml") && declaration + 5 < text.size() &&
+            (std::iswspace(text[declaration + 5]) || text[declaration + 5] == L'?')) {
             const size_t close = text.find(L"?>", declaration);
             return close == npos ? end : close + 2;
         }
@@ -148,8 +148,8 @@ public:
             const std::wstring_view text = fed_.Text();
             while (done < size) {
                 // Most of a file is plain ASCII, copied as it is.
-                if (taken_ == pending_.size() && next_ >= fed_.HeadEnd() && next_ < text.size() &&
-                    text[next_] < 0x80 && text[next_] != L'<' && text[next_] != L'\r') {
+                if (taken_ == pending_.size() && next_ >= fed_.HeadEnd() && next_ < text.size() && text[next_] < 0x80 &&
+                    text[next_] != L'<' && text[next_] != L'\r') {
                     out[done++] = static_cast<char>(text[next_++]);
                     continue;
                 }
@@ -248,8 +248,10 @@ public:
     STDMETHODIMP startElement(const wchar_t*, int, const wchar_t* local, int localLength, const wchar_t* name,
                               int nameLength, ISAXAttributes*) override
     {
-        return Guarded([&] { return Start(std::wstring_view(local, static_cast<size_t>(localLength)),
-                                          std::wstring_view(name, static_cast<size_t>(nameLength))); });
+        return Guarded([&] {
+            return Start(std::wstring_view(local, static_cast<size_t>(localLength)),
+                         std::wstring_view(name, static_cast<size_t>(nameLength)));
+        });
     }
     STDMETHODIMP endElement(const wchar_t*, int, const wchar_t*, int, const wchar_t*, int) override
     {
@@ -330,7 +332,8 @@ private:
 
     HRESULT Text(std::wstring_view chars)
     {
-        if (eventStart_ == npos && std::any_of(chars.begin(), chars.end(), [](wchar_t c) { return !std::iswspace(c); })) {
+        if (eventStart_ == npos &&
+            std::any_of(chars.begin(), chars.end(), [](wchar_t c) { return !std::iswspace(c); })) {
             return Fail(FirstContent(cursor_), L"text outside an <Event> element");
         }
         return S_OK;
@@ -399,8 +402,9 @@ private:
                                         : rest.starts_with(L"<!")        ? L">"
                                                                          : L"";
         if (!close.empty()) {
-            return rest.find(close, 2) == npos ? std::optional<std::wstring>(L"markup not closed before the end of the file")
-                                               : std::nullopt;
+            return rest.find(close, 2) == npos
+                       ? std::optional<std::wstring>(L"markup not closed before the end of the file")
+                       : std::nullopt;
         }
         const bool endTag = rest.starts_with(L"</");
         const size_t nameStart = endTag ? 2 : 1;
@@ -468,7 +472,7 @@ private:
     bool inEvents_ = false;
     size_t eventStart_ = npos;  // the open event's '<'
     size_t eventDepth_ = 0;
-    size_t events_ = 0;   // handed over
+    size_t events_ = 0;  // handed over
     size_t cursor_ = 0;  // past the last tag seen outside the events
     std::optional<std::wstring> fault_;
     bool stopped_ = false;
@@ -526,8 +530,8 @@ std::optional<std::wstring> ScanEvents(std::wstring_view text, const EventFound&
         return scanner->ParserFault(*errors->Fault(), stream->Served());
     }
     if (FAILED(result)) {
-        return scanner->ParserFault(XmlFault{0, 0, L"the parser stopped with " + DescribeError(static_cast<DWORD>(result))},
-                                    stream->Served());
+        return scanner->ParserFault(
+            XmlFault{0, 0, L"the parser stopped with " + DescribeError(static_cast<DWORD>(result))}, stream->Served());
     }
     return std::nullopt;
 }
