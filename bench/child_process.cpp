@@ -1,5 +1,7 @@
 #include "child_process.h"
 
+#include "support/child_process.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -128,19 +130,8 @@ bool RunSelf(const std::wstring& arguments)
 {
     wchar_t self[MAX_PATH] = {};
     ::GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring command = std::wstring(L"\"") + self + L"\" " + arguments;
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (!::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
-        return false;
-    }
-    ::WaitForSingleObject(process.hProcess, INFINITE);
-    DWORD exitCode = 1;
-    ::GetExitCodeProcess(process.hProcess, &exitCode);
-    ::CloseHandle(process.hThread);
-    ::CloseHandle(process.hProcess);
-    return exitCode == 0;
+    const ChildRun run = RunChild(std::wstring(L"\"") + self + L"\" " + arguments, INFINITE);
+    return run.started && run.exitCode == 0;
 }
 
 bool WriteFigures(const std::wstring& path, const std::vector<Figure>& figures)

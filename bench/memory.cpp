@@ -13,6 +13,7 @@
 #include "child_process.h"
 #include "eventlog-sim/eventlog_sim.h"
 #include "scenario.h"
+#include "support/host_value_sink.h"
 
 #include <psapi.h>
 
@@ -101,15 +102,16 @@ int RunMemoryChild(const wchar_t* side, const wchar_t* resultPath, bool quick)
     // Both sides build the same objects; only who subscribes differs.
     HostedProvider hosted(kProductionLogLevels);
     BareSubscriber bare(kCrashPaths, 1, L"Application Error");
-    auto* sink = new AcceptingSink();
+    auto* sink = new HostValueSink(false);  // keeps no values
     std::function<void()> batch;
     if (provider) {
         hosted.Subscribe(kCrashMetric, kChannel, kCrashQuery);
         batch = [&] {
             WriteCrashEvents(kChannel, kBatch);
             WaitForDeliveries();
-            sink->Reset();
-            if (hosted.Query(kCrashMetric, sink) != S_OK || sink->Writes() != static_cast<LONG64>(kBatch) + 1) {
+            const LONG64 written = sink->Count();
+            if (hosted.Query(kCrashMetric, sink) != S_OK ||
+                sink->Count() - written != static_cast<LONG64>(kBatch) + 1) {
                 Fail("the provider did not report a batch");
             }
         };

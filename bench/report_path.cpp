@@ -6,8 +6,8 @@
 #include "appcrash/crash_text.h"
 #include "benchmarks.h"
 #include "scenario.h"
-
-#include <oleauto.h>
+#include "support/host_value_sink.h"
+#include "win/com_strings.h"
 
 #include <cstdio>
 #include <string>
@@ -40,20 +40,11 @@ std::vector<std::wstring> DetailTexts(size_t count)
 
 HRESULT WriteDirect(IMetricValueSink* sink, const wchar_t* key, const std::wstring& name, const std::wstring& text)
 {
-    BSTR keyText = ::SysAllocString(key);
-    BSTR nameText = ::SysAllocStringLen(name.data(), static_cast<UINT>(name.size()));
-    VARIANT value;
-    ::VariantInit(&value);
-    V_VT(&value) = VT_BSTR;
-    V_BSTR(&value) = ::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-    if (keyText == nullptr || nameText == nullptr || V_BSTR(&value) == nullptr) {
-        Fail("out of memory");
-    }
-    const HRESULT result = sink->WriteMetricValue(keyText, nameText, &value);
-    ::VariantClear(&value);
-    ::SysFreeString(nameText);
-    ::SysFreeString(keyText);
-    return result;
+    const unique_bstr keyText = MakeBstr(key);
+    const unique_bstr nameText = MakeBstr(name);
+    ScopedVariant value;
+    value.SetString(text);
+    return sink->WriteMetricValue(keyText.get(), nameText.get(), value.get());
 }
 
 HRESULT WriteAllDirect(IMetricValueSink* sink, const std::vector<std::wstring>& texts)
@@ -103,7 +94,7 @@ std::vector<Figure> MeasureReportPath(const Options& options)
     AddChannel(kChannel);
     HostedProvider provider(kProductionLogLevels);
     provider.Subscribe(kCrashMetric, kChannel, kCrashQuery);
-    auto* sink = new AcceptingSink();
+    auto* sink = new HostValueSink(false);  // keeps no values
     std::vector<std::vector<std::wstring>> texts;
     for (const size_t size : sizes) {
         texts.push_back(DetailTexts(size));
@@ -114,23 +105,23 @@ std::vector<Figure> MeasureReportPath(const Options& options)
         // Filling the queue is the event path's business; only the drain is timed.
         WriteCrashEvents(kChannel, size);
         WaitForDeliveries();
-        sink->Reset();
+        const LONG64 written = sink->Count();
         EvictCaches();
         const double start = NowNs();
         const HRESULT result = provider.Query(kCrashMetric, sink);
         const double elapsed = NowNs() - start;
-        if (result != S_OK || sink->Writes() != static_cast<LONG64>(size) + 1) {
+        if (result != S_OK || sink->Count() - written != static_cast<LONG64>(size) + 1) {
             Fail("the provider did not report every pending crash");
         }
         return elapsed / 1e6;
     };
     auto direct = [&](size_t i) {
-        sink->Reset();
+        const LONG64 written = sink->Count();
         EvictCaches();
         const double start = NowNs();
         const HRESULT result = WriteAllDirect(sink, texts[i]);
         const double elapsed = NowNs() - start;
-        if (result != S_OK || sink->Writes() != static_cast<LONG64>(sizes[i]) + 1) {
+        if (result != S_OK || sink->Count() - written != static_cast<LONG64>(sizes[i]) + 1) {
             Fail("the direct writes failed");
         }
         return elapsed / 1e6;

@@ -3,6 +3,7 @@
 #include "com/com_object.h"
 #include "eventlog-sim/eventlog_sim.h"
 #include "provider/provider.h"
+#include "support/xml_document.h"
 #include "win/com_strings.h"
 
 #include <cstdio>
@@ -38,17 +39,10 @@ void Fail(const char* what)
 
 Microsoft::WRL::ComPtr<IXMLDOMElement> MakeMetricConfig(const std::wstring& channel, const std::wstring& query)
 {
-    Microsoft::WRL::ComPtr<IXMLDOMDocument> document;
-    if (FAILED(::CoCreateInstance(kClsidDomDocument30, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&document)))) {
-        Fail("MSXML's DOMDocument is not available");
-    }
-    const unique_bstr xml =
-        MakeBstr(L"<metric><channel>" + channel + L"</channel><query>" + query + L"</query></metric>");
-    VARIANT_BOOL loaded = VARIANT_FALSE;
-    Microsoft::WRL::ComPtr<IXMLDOMElement> element;
-    if (FAILED(document->loadXML(xml.get(), &loaded)) || loaded != VARIANT_TRUE ||
-        FAILED(document->get_documentElement(&element)) || !element) {
-        Fail("the metric configuration does not parse");
+    auto element =
+        ParseXmlElement(L"<metric><channel>" + channel + L"</channel><query>" + query + L"</query></metric>");
+    if (!element) {
+        Fail("the metric configuration does not parse (is MSXML there?)");
     }
     return element;
 }
@@ -132,8 +126,7 @@ void WaitForDeliveries()
     }
 }
 
-HostedProvider::HostedProvider(ULONG logLevels)
-    : logger_(new DiscardingLogger(logLevels)), context_(new EmptyHostContext())
+HostedProvider::HostedProvider(ULONG logLevels) : logger_(new HostLogger(logLevels, false)), context_(new HostContext())
 {
     if (FAILED(ComObject<CProvider>::Create(IID_PPV_ARGS(&provider_))) ||
         FAILED(provider_->SetHostInterfaces(logger_, context_))) {

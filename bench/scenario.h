@@ -3,8 +3,8 @@
 // the way the host sets it up.
 #pragma once
 
-#include "host_doubles.h"
-
+#include "support/host_logger.h"
+#include "support/host_object.h"
 #include "win/xml_dom.h"
 
 #include <agent.h>
@@ -65,11 +65,9 @@ public:
     // QueryMetric through the IUnknown entry point, as the host calls it.
     HRESULT Query(const wchar_t* metric, IUnknown* sink);
 
-    DiscardingLogger& Logger() { return *logger_; }
-
 private:
-    DiscardingLogger* logger_;
-    EmptyHostContext* context_;
+    HostLogger* logger_;  // keeps no lines
+    HostContext* context_;
     Microsoft::WRL::ComPtr<IZephDataProvider> provider_;
 };
 

@@ -6,14 +6,15 @@
 // token.
 
 #include "benchmarks.h"
-#include "host_doubles.h"
 #include "layering/quillon_log_collector.h"
 #include "scenario.h"
+#include "support/host_logger.h"
+#include "support/registry_redirection.h"
+#include "support/temp_folder.h"
 #include "win/code_unit_search.h"
 
-#include <objbase.h>
-
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,75 +28,33 @@ constexpr size_t kSegmentBytes = CQuillonLogCollector::kMaxReadBytes;  // the mo
 constexpr size_t kMountLines = 2000;
 constexpr std::wstring_view kMountToken = L"MOUNTED-READ;";
 
-std::wstring NewGuidText()
-{
-    GUID guid{};
-    ::CoCreateGuid(&guid);
-    wchar_t text[40] = {};
-    ::StringFromGUID2(guid, text, 40);
-    return text;
-}
-
 // The layering service installed in a temporary folder, known to a redirected
 // HKEY_LOCAL_MACHINE for the object's life.
 class ServiceInstall {
 public:
-    ServiceInstall() : scratchPath_(L"Software\\ZephBench\\" + NewGuidText())
+    ServiceInstall()
     {
-        if (::RegCreateKeyExW(HKEY_CURRENT_USER, scratchPath_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                              &scratch_, nullptr) != ERROR_SUCCESS ||
-            ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, scratch_) != ERROR_SUCCESS) {
-            Fail("cannot redirect HKEY_LOCAL_MACHINE");
-        }
-        wchar_t temp[MAX_PATH] = {};
-        ::GetTempPathW(MAX_PATH, temp);
-        folder_ = std::wstring(temp) + L"zeph bench " + NewGuidText();
-        if (!::CreateDirectoryW(folder_.c_str(), nullptr) ||
-            !::CreateDirectoryW((folder_ + L"\\Logs").c_str(), nullptr)) {
-            Fail("cannot create the service's folder");
-        }
-        const std::wstring imagePath = L"\"" + folder_ + L"\\drovesvc.exe\"";
-        HKEY key = nullptr;
-        if (::RegCreateKeyExW(scratch_, kServiceKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr) !=
-                ERROR_SUCCESS ||
-            ::RegSetValueExW(key, L"ImagePath", 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE*>(imagePath.c_str()),
-                             static_cast<DWORD>((imagePath.size() + 1) * sizeof(wchar_t))) != ERROR_SUCCESS) {
-            Fail("cannot register the service's image path");
-        }
-        ::RegCloseKey(key);
+        std::filesystem::create_directory(folder_.Path() + L"\\Logs");
+        registry_.SetString(kServiceKey, L"ImagePath", L"\"" + folder_.Path() + L"\\drovesvc.exe\"", REG_EXPAND_SZ);
     }
 
-    ~ServiceInstall()
-    {
-        ::DeleteFileW(LogPath().c_str());
-        ::RemoveDirectoryW((folder_ + L"\\Logs").c_str());
-        ::RemoveDirectoryW(folder_.c_str());
-        ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
-        ::RegCloseKey(scratch_);
-        ::RegDeleteTreeW(HKEY_CURRENT_USER, scratchPath_.c_str());
-        ::RegDeleteKeyW(HKEY_CURRENT_USER, scratchPath_.c_str());
-    }
-
-    std::wstring LogPath() const { return folder_ + L"\\Logs\\drovesvc.log"; }
+    std::wstring LogPath() const { return folder_.Path() + L"\\Logs\\drovesvc.log"; }
 
     void WriteLog(const std::wstring& text, bool append)
     {
-        const HANDLE file = ::CreateFileW(LogPath().c_str(), append ? FILE_APPEND_DATA : GENERIC_WRITE,
-                                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                          append ? OPEN_ALWAYS : CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        const unique_file file(::CreateFileW(LogPath().c_str(), append ? FILE_APPEND_DATA : GENERIC_WRITE,
+                                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                             append ? OPEN_ALWAYS : CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
         DWORD written = 0;
         const DWORD bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
-        if (file == INVALID_HANDLE_VALUE || !::WriteFile(file, text.data(), bytes, &written, nullptr) ||
-            written != bytes) {
+        if (!file || !::WriteFile(file.get(), text.data(), bytes, &written, nullptr) || written != bytes) {
             Fail("cannot write the service log");
         }
-        ::CloseHandle(file);
     }
 
 private:
-    std::wstring scratchPath_;
-    HKEY scratch_ = nullptr;
-    std::wstring folder_;
+    TempFolder folder_{L"zeph bench "};
+    RedirectedKey registry_{HKEY_LOCAL_MACHINE};
 };
 
 // What the service wrote before the log-on: an earlier mount that must not count.
@@ -156,20 +115,20 @@ std::wstring LogSegment()
 // and scanned once for the mount token with the fastest search at hand.
 size_t ReadAndScan(const std::wstring& path, DWORD offset, std::vector<wchar_t>& buffer)
 {
-    const HANDLE file =
-        ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
+    const unique_file file(::CreateFileW(path.c_str(), GENERIC_READ,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                         FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) {
         Fail("cannot open the service log");
     }
     LARGE_INTEGER position{};
     position.QuadPart = offset;
     DWORD read = 0;
-    if (!::SetFilePointerEx(file, position, nullptr, FILE_BEGIN) ||
-        !::ReadFile(file, buffer.data(), static_cast<DWORD>(kSegmentBytes), &read, nullptr) || read != kSegmentBytes) {
+    if (!::SetFilePointerEx(file.get(), position, nullptr, FILE_BEGIN) ||
+        !::ReadFile(file.get(), buffer.data(), static_cast<DWORD>(kSegmentBytes), &read, nullptr) ||
+        read != kSegmentBytes) {
         Fail("cannot read the service log");
     }
-    ::CloseHandle(file);
 
     const std::wstring_view text(buffer.data(), kSegmentBytes / sizeof(wchar_t));
     size_t count = 0;
@@ -193,7 +152,7 @@ Figure MeasureCollector(ULONG levels, bool collectFirst, const char* name, const
     const std::wstring segment = LogSegment();
     const DWORD headBytes = static_cast<DWORD>(head.size() * sizeof(wchar_t));
 
-    auto* logger = new DiscardingLogger(levels);
+    auto* logger = new HostLogger(levels, false);
     CQuillonLogCollector collector(logger);
     logger->Release();
 

@@ -1,8 +1,8 @@
 // The one IUnknown core under every COM object of ours: an atomic reference
 // count, and QueryInterface over a list of interfaces. The DLL's classes get it
 // through ComObject and ComAggObject (com_object.h, with the module lock and
-// aggregation), the host-side objects through RefCountedObject
-// (ref_counted_object.h, without).
+// aggregation), the host side's objects through RefCountedObject
+// (tools/support/ref_counted_object.h, without).
 // Threads: any; the count is atomic, the list is a type.
 #pragma once
 

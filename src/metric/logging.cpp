@@ -11,7 +11,7 @@ bool IsLogLevelEnabled(IProviderLogger* logger, LogLevel level) noexcept
     }
     ULONG levels = 0;
     logger->GetCategoryLevels(kLogCategory, &levels);
-    return (levels & static_cast<ULONG>(level)) != 0;
+    return (levels & LevelBit(level)) != 0;
 }
 
 void WriteLogLine(IProviderLogger* logger, LogLevel level, const std::wstring& text)

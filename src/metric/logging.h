@@ -6,6 +6,7 @@
 #pragma once
 
 #include "metric/diagnostics.h"
+#include "metric/log_level.h"
 
 #include <agent.h>
 
@@ -13,14 +14,6 @@
 #include <type_traits>
 
 namespace zeph {
-
-enum class LogLevel : ULONG {
-    Error = 0x1,
-    Warning = 0x2,
-    Info = 0x4,
-};
-
-inline constexpr wchar_t kLogCategory[] = L"eventlog";
 
 [[nodiscard]] bool IsLogLevelEnabled(IProviderLogger* logger, LogLevel level) noexcept;
 

@@ -70,6 +70,13 @@ struct FileHandleTraits {
     static void close(type handle) noexcept { ::CloseHandle(handle); }
 };
 
+// Kernel handles whose failure value is null (processes, threads, events).
+struct HandleTraits {
+    using type = HANDLE;
+    static type invalid() noexcept { return nullptr; }
+    static void close(type handle) noexcept { ::CloseHandle(handle); }
+};
+
 struct BstrTraits {
     using type = BSTR;
     static type invalid() noexcept { return nullptr; }
@@ -91,6 +98,7 @@ struct ModuleTraits {
 
 using unique_hkey = unique_resource<HKeyTraits>;
 using unique_file = unique_resource<FileHandleTraits>;
+using unique_handle = unique_resource<HandleTraits>;
 using unique_bstr = unique_resource<BstrTraits>;
 using unique_local_text = unique_resource<LocalTextTraits>;
 using unique_hmodule = unique_resource<ModuleTraits>;

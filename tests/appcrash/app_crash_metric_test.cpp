@@ -4,8 +4,8 @@
 #include "machine_name.h"
 #include "metric/diagnostics.h"
 #include "provider/metric_factory.h"
-#include "recording_logger.h"
-#include "recording_sink.h"
+#include "support/host_logger.h"
+#include "support/host_value_sink.h"
 #include "simulated_event_log.h"
 #include "win/com_strings.h"
 #include "win/hresult.h"
@@ -90,8 +90,8 @@ protected:
         return details;
     }
 
-    ComPtr<RecordingLogger> logger_ = Adopt(new RecordingLogger(0x7));
-    ComPtr<RecordingSink> sink_ = Adopt(new RecordingSink());
+    ComPtr<HostLogger> logger_ = Adopt(new HostLogger(0x7));
+    ComPtr<HostValueSink> sink_ = Adopt(new HostValueSink());
     std::unique_ptr<CAppCrashMetric> metric_ =
         std::make_unique<CAppCrashMetric>(kAppCrashMetricName, logger_.Get(), nullptr);
 };

@@ -1,11 +1,12 @@
 // Windows event XML as users export it: the file shapes, the event schema's parts, exact
-// insertion strings, byte-order marks; and a replay through zeph-host
+// insertion strings, byte-order marks, refusals with their positions; and a replay through zeph-host
 // whose crash details are compared with texts written out here.
 #include "event_xml.h"
 #include "host_process.h"
 
 #include <gtest/gtest.h>
 
+#include <cwchar>
 #include <regex>
 
 namespace zeph::test {
@@ -38,6 +39,55 @@ TEST(EventXml, ShapesAndInsertionStrings)
         ASSERT_EQ(file.events.size(), 2u) << testing::PrintToString(text);
         EXPECT_EQ(file.events[1].insertions, (Strings{L"<a & b> A", L"<raw> & x", L" b  "}));
     }
+}
+
+// Reading stops at the first fault: the events before it are kept, and the fault names the
+// event (or the gap between events) and where it is, also thousands of events into a file.
+TEST(EventXml, RefusalsNameTheEventAndItsPosition)
+{
+    const std::wstring good = Event(L"");
+    const auto with = [&](const wchar_t* from, const wchar_t* to) {
+        return std::wstring(good).replace(good.find(from), std::wcslen(from), to);
+    };
+    std::wstring many;
+    for (int i = 0; i < 3000; ++i) {
+        many += good + L"\n";
+    }
+    const struct {
+        std::wstring text;
+        size_t before;       // events read before the fault
+        std::wstring fault;  // a final '*': the parser's column and reason follow
+    } cases[] = {
+        {good + L"\n" + Event(L"<EventData><Data>a</Dat></EventData>"), 1,
+         L"event 2: not well-formed XML at line 2, column *"},
+        {good + L"\n\n  <Event " + kNs + L"><System>", 1,
+         L"event 2 (line 3, column 3): <Event> is not closed before the end of the file"},
+        {good + L"\n" + with(L">1000<", L">70000<"), 1,
+         L"event 2 (line 2, column 1): System/EventID must be a whole number from 0 to 65535, not '70000'"},
+        {with(L"<Channel>Application</Channel>", L""), 0, L"event 1 (line 1, column 1): <Event> has no System/Channel"},
+        {good + L" stray", 1, L"after event 1 (line 1, column 241): text outside an <Event> element"},
+        {L"<Log>" + good + L"</Log>", 0,
+         L"before the first event (line 1, column 1): expected <Event> or <Events>, found <Log>"},
+        {L"\n  \n", 0, L"before the first event (line 3, column 1): the file holds no <Event>"},
+        {L"<Events>\n" + good, 1,
+         L"after event 1 (line 2, column 240): <Events> is not closed before the end of the file"},
+        {good + L"</Events>", 1, L"after event 1 (line 1, column 240): </Events> closes no element"},
+        {many + with(L"Application Error", L""), 3000,
+         L"event 3001 (line 3001, column 1): <Event> has no System/Provider/@Name"},
+    };
+    for (const auto& c : cases) {
+        const EventFile file = ParseEventText(c.text);
+        EXPECT_EQ(file.events.size(), c.before) << testing::PrintToString(c.fault);
+        const std::wstring fault = file.fault.value_or(L"none");
+        EXPECT_TRUE(c.fault.ends_with(L'*') ? fault.starts_with(c.fault.substr(0, c.fault.size() - 1))
+                                            : fault == c.fault)
+            << testing::PrintToString(fault);
+    }
+    // A message past the 10,000,000 bytes MSXML takes in one text node from a string.
+    const std::wstring large(12000000, L'x');
+    const EventFile file = ParseEventText(Event(L"<RenderingInfo><Message>" + large + L"</Message></RenderingInfo>"));
+    ASSERT_EQ(file.events.size(), 1u);
+    EXPECT_EQ(file.events[0].renderedMessage, large);
 }
 
 TEST(EventXml, DecodesByByteOrderMark)

@@ -4,6 +4,8 @@
 
 #include "machine_name.h"
 #include "scratch.h"
+#include "support/child_process.h"
+#include "support/text.h"
 
 #include <windows.h>
 #include <objbase.h>
@@ -50,11 +52,7 @@ constexpr char kCrashConfig[] = R"(<zeph-host>
 inline std::wstring ReadUtf8File(const std::wstring& path)
 {
     std::ifstream file(std::filesystem::path(path), std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    std::wstring text(bytes.size(), L'\0');
-    text.resize(::MultiByteToWideChar(CP_UTF8, 0, bytes.data(), static_cast<int>(bytes.size()), text.data(),
-                                      static_cast<int>(text.size())));
-    return text;
+    return FromUtf8(std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>()));
 }
 
 // Runs zeph-host.exe with the arguments; a run that takes more than two minutes
@@ -78,27 +76,11 @@ inline HostRun RunZephHost(const std::vector<std::wstring>& arguments)
     };
     unique_file out = capture(outPath), err = capture(errPath);
     EXPECT_TRUE(out && err);
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = out.get();
-    startup.hStdError = err.get();
-    PROCESS_INFORMATION process = {};
+    const ChildRun child = RunChild(commandLine, kTimeoutMs, out.get(), err.get());
+    EXPECT_TRUE(child.started) << "CreateProcess failed: " << child.error;
+    EXPECT_FALSE(child.timedOut) << "zeph-host did not finish in time";
     HostRun run;
-    if (::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
-                         &process)) {
-        if (::WaitForSingleObject(process.hProcess, kTimeoutMs) != WAIT_OBJECT_0) {
-            ADD_FAILURE() << "zeph-host did not finish in time";
-            ::TerminateProcess(process.hProcess, 255);
-            ::WaitForSingleObject(process.hProcess, kTimeoutMs);
-        }
-        ::GetExitCodeProcess(process.hProcess, &run.exitCode);
-        ::CloseHandle(process.hThread);
-        ::CloseHandle(process.hProcess);
-    } else {
-        ADD_FAILURE() << "CreateProcess failed: " << ::GetLastError();
-    }
+    run.exitCode = child.exitCode;
     out.reset();
     err.reset();
     run.out = ReadUtf8File(outPath);

@@ -14,14 +14,13 @@ ServiceInstall::ServiceInstall(bool withImagePath)
 
 void ServiceInstall::WriteBytes(const wchar_t* name, const void* data, DWORD bytes, bool append)
 {
-    const HANDLE file = ::CreateFileW((LogsFolder() + name).c_str(), append ? FILE_APPEND_DATA : GENERIC_WRITE,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                      append ? OPEN_ALWAYS : CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    ASSERT_NE(file, INVALID_HANDLE_VALUE);
+    const unique_file file(::CreateFileW((LogsFolder() + name).c_str(), append ? FILE_APPEND_DATA : GENERIC_WRITE,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                         append ? OPEN_ALWAYS : CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(file);
     DWORD written = 0;
-    EXPECT_TRUE(::WriteFile(file, data, bytes, &written, nullptr));
+    EXPECT_TRUE(::WriteFile(file.get(), data, bytes, &written, nullptr));
     EXPECT_EQ(written, bytes);
-    ::CloseHandle(file);
 }
 
 void ServiceInstall::RotateLog()

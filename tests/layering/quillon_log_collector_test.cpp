@@ -1,7 +1,7 @@
 // The service-log collector on real files in a scratch service installation.
 #include "layering/quillon_log_collector.h"
 #include "layering_env.h"
-#include "recording_logger.h"
+#include "support/host_logger.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,6 @@ namespace zeph {
 namespace {
 
 using Microsoft::WRL::ComPtr;
-using test::RecordingLogger;
 using test::ServiceInstall;
 using Texts = std::vector<std::wstring>;
 using Tesseras = std::vector<TesseraEntry>;
@@ -31,7 +30,7 @@ protected:
     }
 
     ServiceInstall service_;
-    ComPtr<RecordingLogger> logger_ = test::Adopt(new RecordingLogger(0x7));
+    ComPtr<HostLogger> logger_ = Adopt(new HostLogger(0x7));
     CQuillonLogCollector collector_{logger_.Get()};
 };
 
@@ -77,7 +76,7 @@ TEST_F(CollectorTest, LogThatExistsButCannotBeOpenedFailsWithoutTheBackup)
 TEST(CollectorRegistryTest, PrepareFailsWithTheRegistryErrorCode)
 {
     ServiceInstall service(false);
-    const auto logger = test::Adopt(new RecordingLogger(0x7));
+    const auto logger = Adopt(new HostLogger(0x7));
     CQuillonLogCollector collector(logger.Get());
     EXPECT_FALSE(collector.PrepareCollectLog());
     EXPECT_TRUE(logger->Has(LogLevel::Error, L"Failed to open registry key for drovesvc, error: 2"));
@@ -161,7 +160,7 @@ TEST_F(CollectorTest, SegmentBeyondTheReadLimitIsNotCollected)
     EXPECT_EQ(Collected(false), L"");
     const auto lines = logger_->Lines();
     ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[2], (test::LogLine{LogLevel::Error, L"Asked to read 600000 bytes, exceed max read bytes"}));
+    EXPECT_EQ(lines[2], (LogLine{LogLevel::Error, L"Asked to read 600000 bytes, exceed max read bytes"}));
     EXPECT_TRUE(lines[3].text.starts_with(L"Failed to read from log file, error: ")) << lines[3].text;
 }
 

@@ -6,8 +6,8 @@
 #include "layering/registry_string.h"
 #include "layering_env.h"
 #include "provider/metric_factory.h"
-#include "recording_logger.h"
-#include "recording_sink.h"
+#include "support/host_logger.h"
+#include "support/host_value_sink.h"
 #include "simulated_event_log.h"
 #include "win/com_strings.h"
 
@@ -158,9 +158,9 @@ protected:
 
     ComPtr<IXMLDOMElement> config_ = MakeMetricConfig(kChannel, kQuery);  // before the registry is redirected
     ServiceInstall service_;
-    ComPtr<RecordingLogger> logger_ = Adopt(new RecordingLogger(0x7));
-    ComPtr<CountingHostContext> context_ = Adopt(new CountingHostContext());
-    ComPtr<RecordingSink> sink_ = Adopt(new RecordingSink());
+    ComPtr<HostLogger> logger_ = Adopt(new HostLogger(0x7));
+    ComPtr<HostContext> context_ = Adopt(new HostContext());
+    ComPtr<HostValueSink> sink_ = Adopt(new HostValueSink());
     std::shared_ptr<CQuillonMetric> metric_;
 };
 

@@ -1,7 +1,7 @@
 #include "metric/diagnostics.h"
 #include "metric/logging.h"
-#include "recording_logger.h"
-#include "test_com_object.h"
+#include "support/host_logger.h"
+#include "support/host_object.h"
 #include "win/hresult.h"
 #include "win/com_strings.h"
 
@@ -11,8 +11,6 @@
 
 namespace zeph {
 namespace {
-
-using test::RecordingLogger;
 
 // What the system says about code, straight from FormatMessageW.
 std::wstring SystemText(HRESULT code)
@@ -37,7 +35,7 @@ TEST(FormatString, FormatsWideStringsIntegersAndHexLikeTheSystemRuntime)
 
 TEST(Logging, WritesOnlyEnabledLevelsWithCategoryAndExactText)
 {
-    const auto logger = test::Adopt(new RecordingLogger(0x4));
+    const auto logger = Adopt(new HostLogger(0x4));
     Log(logger.Get(), LogLevel::Info, L"created metric '%s'.", L"a|b");
     Log(logger.Get(), LogLevel::Error, L"dropped %d", 1);
     Log(logger.Get(), LogLevel::Warning, L"dropped too");
@@ -45,9 +43,9 @@ TEST(Logging, WritesOnlyEnabledLevelsWithCategoryAndExactText)
     Log(logger.Get(), LogLevel::Error, L"error %d", 2);
     Log(logger.Get(), LogLevel::Warning, L"warning");
     Log(logger.Get(), LogLevel::Info, L"dropped as well");
-    EXPECT_EQ(logger->Lines(), (std::vector<test::LogLine>{{LogLevel::Info, L"created metric 'a|b'."},
-                                                           {LogLevel::Error, L"error 2"},
-                                                           {LogLevel::Warning, L"warning"}}));
+    EXPECT_EQ(logger->Lines(), (std::vector<LogLine>{{LogLevel::Info, L"created metric 'a|b'."},
+                                                     {LogLevel::Error, L"error 2"},
+                                                     {LogLevel::Warning, L"warning"}}));
     EXPECT_EQ(logger->LevelQueries(), 6);
 
     // Formatting this argument would read an invalid address: nothing is formatted for a level
@@ -67,7 +65,7 @@ TEST(Logging, FailureLinesPutTheArgumentsFirstThenTheCodeThenAnySystemText)
     constexpr HRESULT kNoSystemText = static_cast<HRESULT>(0xA1B2C3D4);
     ASSERT_TRUE(SystemText(kNoSystemText).empty());
     ASSERT_FALSE(SystemText(E_OUTOFMEMORY).empty());
-    const auto logger = test::Adopt(new RecordingLogger(0x1));
+    const auto logger = Adopt(new HostLogger(0x1));
     logger->SetResult(E_FAIL);  // the logger's own failures are ignored
     LogFailure(logger.Get(), E_OUTOFMEMORY, L"Failed to retrieve property '%s' from the configuration.", L"query");
     LogFailure(logger.Get(), kNoSystemText, L"Failed to subscribe metric '%s'.", L"m");
@@ -88,7 +86,7 @@ TEST(ComBarrier, AnyOtherExceptionIsUnexpected)  // the provider suite throws th
 // Each setter first releases what the holder held (an object here, so its count shows it).
 TEST(ScopedVariant, HoldsStringsWithTheirLengthAndNumbersAndReleasesWhatItHeldBefore)
 {
-    const auto held = test::Adopt(new test::CountingHostContext());
+    const auto held = Adopt(new HostContext());
     ScopedVariant value;
     for (int setter = 0; setter < 2; ++setter) {
         held->AddRef();

@@ -2,7 +2,7 @@
 // formatting events are checked through the metrics that read them.
 #include "config_element.h"
 #include "metric/metric.h"
-#include "recording_logger.h"
+#include "support/host_logger.h"
 #include "simulated_event_log.h"
 
 #include <gtest/gtest.h>
@@ -45,7 +45,7 @@ protected:
         EXPECT_EQ(counters.deliveriesAfterClose, 0);
     }
 
-    Microsoft::WRL::ComPtr<RecordingLogger> logger_ = Adopt(new RecordingLogger(0x7));
+    Microsoft::WRL::ComPtr<HostLogger> logger_ = Adopt(new HostLogger(0x7));
 };
 
 TEST_F(MetricTest, AMissingPropertyIsLoggedAndStopsTheSubscribeThere)

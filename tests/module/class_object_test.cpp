@@ -1,9 +1,10 @@
 // The class factory, a whole session and the unload rule through the DLL's exports.
 #include "config_element.h"
 #include "module_env.h"
+#include "observed.h"
 #include "provider/provider.h"
-#include "recording_logger.h"
-#include "recording_sink.h"
+#include "support/host_logger.h"
+#include "support/host_value_sink.h"
 #include "simulated_event_log.h"
 #include "win/com_strings.h"
 
@@ -24,7 +25,7 @@ const CLSID kOtherClsid = {0x11111111, 0x2222, 0x3333, {0x44, 0x44, 0x55, 0x55, 
 const CLSID kOuterClassId = {0x0badc0de, 0x1234, 0x5678, {0x9a, 0xbc, 0xde, 0xf0, 0x12, 0x34, 0x56, 0x78}};
 
 // Aggregates the provider: IPersist is its own, the rest goes to the inner unknown.
-class OuterObject final : public TestComObject<IPersist> {
+class OuterObject final : public RefCountedObject<IPersist> {
 public:
     ~OuterObject() override
     {
@@ -34,7 +35,7 @@ public:
     }
     STDMETHODIMP QueryInterface(REFIID riid, void** object) override
     {
-        const HRESULT own = TestComObject<IPersist>::QueryInterface(riid, object);
+        const HRESULT own = RefCountedObject<IPersist>::QueryInterface(riid, object);
         return SUCCEEDED(own) || inner_ == nullptr ? own : inner_->QueryInterface(riid, object);
     }
     STDMETHODIMP GetClassID(CLSID* classId) override
@@ -109,9 +110,9 @@ TEST_F(ClassObjectTest, CanUnloadNowOnlyWhenNoFactoryProviderOrServerLockRemains
 // every host object gets its references back and the DLL may go.
 TEST_F(ClassObjectTest, ASessionGivesBackEveryHostReferenceAndLetsTheDllGo)
 {
-    const auto logger = Adopt(new RecordingLogger(0x7));
-    const auto context = Adopt(new CountingHostContext());
-    const auto sink = Adopt(new RecordingSink());
+    const auto logger = Adopt(new HostLogger(0x7));
+    const auto context = Adopt(new HostContext());
+    const auto sink = Adopt(new HostValueSink());
     const ComPtr<IXMLDOMElement> config = MakeMetricConfig(L"Application", L"*");
     const ULONG configReferences = (config->AddRef(), config->Release());
     const unique_bstr crash = MakeBstr(L"eventlog|eventlog_appcrash"),
@@ -153,8 +154,8 @@ TEST_F(ClassObjectTest, TheDllStaysLockedUntilTheProviderIsWhollyDestroyed)
             answers.push_back(server_.CanUnloadNow());
         }
     };
-    const auto logger = Adopt(new Observed<RecordingLogger>(askOnRelease));
-    const auto context = Adopt(new Observed<CountingHostContext>(askOnRelease));
+    const auto logger = Adopt(new Observed<HostLogger>(askOnRelease));
+    const auto context = Adopt(new Observed<HostContext>(askOnRelease));
     const ComPtr<IXMLDOMElement> config = MakeMetricConfig(L"Application", L"*");
     const unique_bstr crash = MakeBstr(L"eventlog|eventlog_appcrash");
     const auto connect = [&](IUnknown* object) {

@@ -5,10 +5,11 @@
 #include "com/module_lock.h"
 #include "config_element.h"
 #include "metric/diagnostics.h"
+#include "observed.h"
 #include "provider/metric_factory.h"
 #include "provider/provider.h"
-#include "recording_logger.h"
-#include "recording_sink.h"
+#include "support/host_logger.h"
+#include "support/host_value_sink.h"
 #include "simulated_event_log.h"
 #include "win/com_strings.h"
 #include "win/hresult.h"
@@ -74,9 +75,9 @@ protected:
     static LONG64 OpenSubscriptions() { return ::EvtSimOpenHandles(EVT_SIM_KIND_SUBSCRIPTION); }
 
     ComPtr<IZephDataProvider> provider_;
-    ComPtr<RecordingLogger> logger_ = Adopt(new RecordingLogger(0x7));
-    ComPtr<CountingHostContext> context_ = Adopt(new CountingHostContext());
-    ComPtr<RecordingSink> sink_ = Adopt(new RecordingSink());
+    ComPtr<HostLogger> logger_ = Adopt(new HostLogger(0x7));
+    ComPtr<HostContext> context_ = Adopt(new HostContext());
+    ComPtr<HostValueSink> sink_ = Adopt(new HostValueSink());
     ComPtr<IXMLDOMElement> config_ =
         MakeMetricConfig(L"Application", L"*[System[Provider[@Name='Application Error']]]");
     std::vector<unique_bstr> strings_;
@@ -195,10 +196,10 @@ TEST_F(ProviderTest, SetHostInterfacesKeepsOneReferenceAndMetricsKeepTheirOwn)
     const auto journalAs = [&journal](const wchar_t* name) {
         return [&journal, name](const wchar_t* call) { journal.push_back(std::wstring(name) + L" " + call); };
     };
-    const auto logger2 = Adopt(new Observed<RecordingLogger>(journalAs(L"new logger")));
-    const auto context2 = Adopt(new Observed<CountingHostContext>(journalAs(L"new context")));
-    const auto oldLogger = Adopt(new Observed<RecordingLogger>(journalAs(L"old logger")));
-    const auto oldContext = Adopt(new Observed<CountingHostContext>(journalAs(L"old context")));
+    const auto logger2 = Adopt(new Observed<HostLogger>(journalAs(L"new logger")));
+    const auto context2 = Adopt(new Observed<HostContext>(journalAs(L"new context")));
+    const auto oldLogger = Adopt(new Observed<HostLogger>(journalAs(L"old logger")));
+    const auto oldContext = Adopt(new Observed<HostContext>(journalAs(L"old context")));
     ASSERT_EQ(provider_->SetHostInterfaces(oldLogger.Get(), oldContext.Get()), S_OK);
     journal.clear();
     ASSERT_EQ(provider_->SetHostInterfaces(logger2.Get(), context2.Get()), S_OK);

@@ -13,9 +13,10 @@
 #include "layering_env.h"
 #include "machine_name.h"
 #include "provider/provider.h"
-#include "recording_logger.h"
-#include "recording_sink.h"
+#include "support/host_logger.h"
+#include "support/host_value_sink.h"
 #include "simulated_event_log.h"
+#include "win/com_strings.h"
 
 #include <gtest/gtest.h>
 
@@ -43,7 +44,7 @@ std::atomic<long> g_live{0};  // blocks not yet freed, on every thread
 bool FailsHere() noexcept
 {
     const Target target = g_target.load();
-    return target != Target::None && zeph::test::t_inHostDouble == 0 &&
+    return target != Target::None && zeph::t_inHostObject == 0 &&
            (::GetCurrentThreadId() == g_thread.load()) == (target == Target::ThisThread) && ++g_counted == g_failAt;
 }
 
@@ -298,9 +299,9 @@ struct Session {
     ServiceInstall& service;
     const Configs& config;
     const EVT_SIM_COUNTERS start = Counters();
-    const ComPtr<RecordingLogger> logger = Adopt(new RecordingLogger(0x7));
-    const ComPtr<CountingHostContext> context = Adopt(new CountingHostContext());
-    const ComPtr<RecordingSink> sink = Adopt(new RecordingSink());
+    const ComPtr<HostLogger> logger = Adopt(new HostLogger(0x7));
+    const ComPtr<HostContext> context = Adopt(new HostContext());
+    const ComPtr<HostValueSink> sink = Adopt(new HostValueSink());
     ComPtr<IZephDataProvider> provider = [] {
         ComPtr<IZephDataProvider> created;
         EXPECT_EQ(ComObject<CProvider>::Create(IID_PPV_ARGS(&created)), S_OK);

@@ -7,8 +7,8 @@
 #include "layering_env.h"
 #include "provider/metric_factory.h"
 #include "provider/provider.h"
-#include "recording_logger.h"
-#include "recording_sink.h"
+#include "support/host_logger.h"
+#include "support/host_value_sink.h"
 #include "simulated_event_log.h"
 #include "win/com_strings.h"
 
@@ -68,18 +68,18 @@ TEST(TeardownRaceTest, NoDeliveryReachesAMetricAfterItsProviderOrSubscriptionIsG
         }
     });
 
-    const ComPtr<CountingHostContext> context = Adopt(new CountingHostContext());
-    const ComPtr<RecordingSink> sink = Adopt(new RecordingSink());
+    const ComPtr<HostContext> context = Adopt(new HostContext());
+    const ComPtr<HostValueSink> sink = Adopt(new HostValueSink());
     const unique_bstr crashName = MakeBstr(kAppCrashMetricName);
     const unique_bstr layeringName = MakeBstr(kQuillonMetricName);
     const auto subscribe = [&](IZephDataProvider* provider, BSTR name, const wchar_t* channel, const wchar_t* query) {
         return provider->SubscribeMetric(name, MakeMetricConfig(channel, query).Get());
     };
 
-    std::vector<ComPtr<RecordingLogger>> loggers;  // one per round
+    std::vector<ComPtr<HostLogger>> loggers;  // one per round
     std::vector<size_t> linesAtRelease;
     for (int round = 0; round < kRounds; ++round) {
-        const ComPtr<RecordingLogger>& logger = loggers.emplace_back(Adopt(new RecordingLogger(0x7)));
+        const ComPtr<HostLogger>& logger = loggers.emplace_back(Adopt(new HostLogger(0x7)));
         ComPtr<IZephDataProvider> provider;
         ASSERT_EQ(ComObject<CProvider>::Create(IID_PPV_ARGS(&provider)), S_OK);
         ASSERT_EQ(provider->SetHostInterfaces(logger.Get(), context.Get()), S_OK);

@@ -1,8 +1,7 @@
-// Real MSXML configuration elements for tests.
+// Real MSXML configuration elements for tests, parsed as zeph-host parses its files.
 #pragma once
 
-#include "win/com_strings.h"
-#include "win/xml_dom.h"
+#include "support/xml_document.h"
 
 #include <gtest/gtest.h>
 #include <wrl/client.h>
@@ -11,21 +10,11 @@
 
 namespace zeph::test {
 
-// The document element of xml, parsed by MSXML's DOMDocument. Fails the test
-// (and returns null) when the text does not parse.
+// The document element of xml; fails the test (and returns null) when the text does not parse.
 inline Microsoft::WRL::ComPtr<IXMLDOMElement> MakeConfigElement(const std::wstring& xml)
 {
-    Microsoft::WRL::ComPtr<IXMLDOMDocument> document;
-    HRESULT result = ::CoCreateInstance(kClsidDomDocument30, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&document));
-    EXPECT_EQ(result, S_OK) << "MSXML DOMDocument";
-    if (FAILED(result)) {
-        return nullptr;
-    }
-    VARIANT_BOOL loaded = VARIANT_FALSE;
-    document->loadXML(MakeBstr(xml).get(), &loaded);
-    EXPECT_EQ(loaded, VARIANT_TRUE) << "configuration does not parse";
-    Microsoft::WRL::ComPtr<IXMLDOMElement> element;
-    document->get_documentElement(&element);
+    auto element = ParseXmlElement(xml);
+    EXPECT_TRUE(element) << "configuration does not parse: " << testing::PrintToString(xml);
     return element;
 }
 

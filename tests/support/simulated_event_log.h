@@ -2,6 +2,7 @@
 #pragma once
 
 #include "eventlog-sim/eventlog_sim.h"
+#include "win/file_time.h"
 
 #include <windows.h>
 
@@ -17,13 +18,7 @@ inline ULONGLONG FileTimeOf(WORD year, WORD month, WORD day, WORD hour, WORD min
     const SYSTEMTIME utc = {year, month, 0, day, hour, minute, second, milliseconds};
     FILETIME time = {};
     EXPECT_TRUE(::SystemTimeToFileTime(&utc, &time));
-    return (static_cast<ULONGLONG>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
-}
-
-// Milliseconds since 1970-01-01 UTC of a FILETIME.
-inline ULONGLONG UnixMillisecondsOf(ULONGLONG fileTime)
-{
-    return (fileTime - 116444736000000000ULL) / 10000ULL;
+    return FileTimeCount(time);
 }
 
 // Writes one event; fails the test if the simulator refuses it.

@@ -1,5 +1,6 @@
 #include "console.h"
 
+#include "support/text.h"
 #include "win/unique_resource.h"
 
 #include <fcntl.h>
@@ -18,18 +19,6 @@ std::mutex& OutputLock()
     return lock;
 }
 
-std::string ToUtf8(std::wstring_view text)
-{
-    if (text.empty()) {
-        return {};
-    }
-    const int size =
-        ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string bytes(static_cast<size_t>(size), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), bytes.data(), size, nullptr, nullptr);
-    return bytes;
-}
-
 void Write(FILE* stream, std::wstring_view text)
 {
     const std::string bytes = ToUtf8(text);
@@ -38,7 +27,38 @@ void Write(FILE* stream, std::wstring_view text)
     std::fflush(stream);
 }
 
+// Continuation lines of a multi-line text start indented under the first.
+std::wstring IndentLines(std::wstring_view text)
+{
+    // A system message text brings its own line end.
+    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' ')) {
+        text.remove_suffix(1);
+    }
+    std::wstring result;
+    result.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == L'\r' && i + 1 < text.size() && text[i + 1] == L'\n') {
+            continue;
+        }
+        result += text[i];
+        if (text[i] == L'\n') {
+            result += L"    ";
+        }
+    }
+    return result;
+}
+
 }  // namespace
+
+void PrintLogLine(LogLevel level, std::wstring_view category, std::wstring_view text)
+{
+    const wchar_t* name = level == LogLevel::Error ? L"error" : level == LogLevel::Warning ? L"warning" : L"info";
+    SYSTEMTIME now = {};
+    ::GetLocalTime(&now);
+    wchar_t stamp[32] = {};
+    std::swprintf(stamp, 32, L"%02u:%02u:%02u.%03u [", now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
+    WriteErr(stamp + std::wstring(name) + L"] " + std::wstring(category) + L": " + IndentLines(text) + L"\n");
+}
 
 void WriteOut(std::wstring_view text)
 {

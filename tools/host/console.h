@@ -4,6 +4,8 @@
 // with a table being printed.
 #pragma once
 
+#include "metric/log_level.h"
+
 #include <windows.h>
 
 #include <string>
@@ -13,6 +15,10 @@ namespace zeph::host {
 
 void WriteOut(std::wstring_view text);
 void WriteErr(std::wstring_view text);
+
+// One of the provider's log lines on standard error, as "hh:mm:ss.mmm [level] category: text";
+// further lines of a multi-line text are indented under the first.
+void PrintLogLine(LogLevel level, std::wstring_view category, std::wstring_view text);
 
 // The system's message text for an HRESULT or Win32 code, without its line end;
 // empty when there is none.

@@ -1,7 +1,9 @@
 #include "event_xml.h"
 
 #include "console.h"
+#include "event_scan.h"
 #include "scenario.h"
+#include "support/text.h"
 #include "win/com_strings.h"
 #include "win/unique_resource.h"
 #include "xml_parse_fault.h"
@@ -9,22 +11,12 @@
 #include <oleauto.h>
 
 #include <cwchar>
-#include <cwctype>
 
 namespace zeph::host {
 
 namespace {
 
 constexpr wchar_t kEventTag[] = L"Event";
-constexpr wchar_t kEventsTag[] = L"Events";
-
-std::wstring LocalName(IXMLDOMElement* element)
-{
-    BSTR name = nullptr;
-    element->get_baseName(&name);
-    const unique_bstr owned(name);
-    return name != nullptr ? std::wstring(name, ::SysStringLen(name)) : std::wstring();
-}
 
 ComPtr<IXMLDOMElement> Child(IXMLDOMElement* parent, const wchar_t* localName)
 {
@@ -54,199 +46,14 @@ std::optional<USHORT> EventId(const std::wstring& text)
     return value <= 65535 ? std::optional<USHORT>(static_cast<USHORT>(value)) : std::nullopt;
 }
 
-// Where an offset of the text is, 1-based, lines counted by line feeds as the parser does.
-struct Position {
-    size_t line = 1;
-    size_t column = 1;
-};
-
-// Moves a position from one offset of the text to a later one.
-Position Advance(Position position, std::wstring_view text, size_t from, size_t to)
-{
-    for (size_t i = from; i < to && i < text.size(); ++i) {
-        if (text[i] == L'\n') {
-            ++position.line;
-            position.column = 1;
-        } else {
-            ++position.column;
-        }
-    }
-    return position;
-}
-
-Position PositionOf(std::wstring_view text, size_t offset)
-{
-    return Advance(Position(), text, 0, offset);
-}
-
-std::wstring Describe(const Position& position)
-{
-    return L"line " + std::to_wstring(position.line) + L", column " + std::to_wstring(position.column);
-}
-
-// The <Event> elements of a file, found by their tags; their content is left to the parser.
-struct Scan {
-    struct Span {
-        size_t start;
-        size_t end;
-    };
-    std::vector<Span> events;
-    std::optional<std::wstring> fault;  // with its position, after the last span
-};
-
-Scan ScanEvents(std::wstring_view text)
-{
-    Scan scan;
-    size_t depth = 0;
-    bool inEvents = false;  // inside a root <Events>
-    size_t eventStart = std::wstring_view::npos;
-    size_t eventDepth = 0;
-    auto fail = [&](size_t at, const std::wstring& what) {
-        const size_t done = scan.events.size();
-        const std::wstring which = eventStart != std::wstring_view::npos ? L"event " + std::to_wstring(done + 1)
-                                   : done == 0                           ? L"before the first event"
-                                                                         : L"after event " + std::to_wstring(done);
-        scan.fault = which + L" (" + Describe(PositionOf(text, at)) + L"): " + what;
-        return scan;
-    };
-    auto skipTo = [&](size_t from, std::wstring_view end) {
-        const size_t at = text.find(end, from);
-        return at == std::wstring_view::npos ? at : at + end.size();
-    };
-
-    // evtxexport's first line is its name and version.
-    size_t i = text.find_first_not_of(L" \t\r\n");
-    if (i != std::wstring_view::npos && text[i] != L'<') {
-        i = text.find(L'\n', i);
-    }
-    const size_t n = text.size();
-    for (i = (i == std::wstring_view::npos ? n : i); i < n;) {
-        const wchar_t c = text[i];
-        if (c != L'<') {
-            if (eventStart == std::wstring_view::npos && !std::iswspace(c)) {
-                return fail(i, L"text outside an <Event> element");
-            }
-            ++i;
-            continue;
-        }
-        const std::wstring_view rest = text.substr(i);
-        size_t next = std::wstring_view::npos;
-        if (rest.starts_with(L"<!--")) {
-            next = skipTo(i + 4, L"-->");
-        } else if (rest.starts_with(L"<![CDATA[")) {
-            next = skipTo(i + 9, L"]]>");
-        } else if (rest.starts_with(L"<?")) {
-            next = skipTo(i + 2, L"?>");
-        } else if (rest.starts_with(L"<!")) {
-            next = skipTo(i + 2, L">");
-        }
-        if (rest.starts_with(L"<!") || rest.starts_with(L"<?")) {
-            if (next == std::wstring_view::npos) {
-                return fail(i, L"markup not closed before the end of the file");
-            }
-            i = next;
-            continue;
-        }
-        // A tag: its name, then its end, quotes honoured.
-        const bool endTag = rest.starts_with(L"</");
-        size_t nameEnd = i + (endTag ? 2 : 1);
-        while (nameEnd < n && !std::iswspace(text[nameEnd]) && text[nameEnd] != L'>' && text[nameEnd] != L'/') {
-            ++nameEnd;
-        }
-        const std::wstring_view name = text.substr(i + (endTag ? 2 : 1), nameEnd - i - (endTag ? 2 : 1));
-        if (name.empty()) {
-            return fail(i, L"'<' that starts no tag (write &lt; in text)");
-        }
-        size_t close = nameEnd;
-        for (wchar_t quote = 0; close < n; ++close) {
-            if (quote != 0) {
-                quote = text[close] == quote ? 0 : quote;
-            } else if (text[close] == L'"' || text[close] == L'\'') {
-                quote = text[close];
-            } else if (text[close] == L'>') {
-                break;
-            }
-        }
-        if (close == n) {
-            return fail(i, L"the tag <" + std::wstring(name) + L"> is not closed before the end of the file");
-        }
-        const std::wstring_view localName =
-            name.substr(name.find(L':') == std::wstring_view::npos ? 0 : name.find(L':') + 1);
-        if (endTag) {
-            if (depth == 0) {
-                return fail(i, L"</" + std::wstring(name) + L"> closes no element");
-            }
-            --depth;
-            if (eventStart != std::wstring_view::npos && depth == eventDepth) {
-                scan.events.push_back({eventStart, close + 1});
-                eventStart = std::wstring_view::npos;
-            } else if (depth == 0) {
-                inEvents = false;
-            }
-            i = close + 1;
-            continue;
-        }
-        const bool empty = text[close - 1] == L'/';
-        if (eventStart == std::wstring_view::npos) {
-            const bool eventLevel = depth == 0 || (depth == 1 && inEvents);
-            if (depth == 0 && localName == kEventsTag && !empty) {
-                inEvents = true;
-            } else if (eventLevel && localName == kEventTag) {
-                eventStart = i;
-                eventDepth = depth;
-                if (empty) {
-                    scan.events.push_back({i, close + 1});
-                    eventStart = std::wstring_view::npos;
-                }
-            } else {
-                return fail(i, L"expected <Event> or <Events>, found <" + std::wstring(name) + L">");
-            }
-        }
-        if (!empty) {
-            ++depth;
-        }
-        i = close + 1;
-    }
-    if (eventStart != std::wstring_view::npos) {
-        return fail(eventStart, L"<Event> is not closed before the end of the file");
-    }
-    if (depth > 0) {
-        return fail(n, L"<Events> is not closed before the end of the file");
-    }
-    if (scan.events.empty()) {
-        return fail(n, L"the file holds no <Event>");
-    }
-    return scan;
-}
-
-std::string ToUtf8(std::wstring_view text)
-{
-    std::string bytes;
-    if (!text.empty()) {
-        const int size =
-            ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-        bytes.resize(static_cast<size_t>(size));
-        ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), bytes.data(), size, nullptr,
-                              nullptr);
-    }
-    return bytes;
-}
-
 // The parse-error object's line, column and reason; where it has none (Wine's),
 // those of the SAX reader on the same text.
-std::wstring ParseErrorOf(IXMLDOMDocument* document, const Position& start, const std::string& source)
+std::wstring DomFaultText(IXMLDOMDocument* document, const TextPosition& start, const std::string& source)
 {
-    ComPtr<IXMLDOMParseError> error;
-    long line = 0;
-    long column = 0;
-    BSTR reason = nullptr;
-    if (SUCCEEDED(document->get_parseError(&error)) && error) {
-        error->get_line(&line);
-        error->get_linepos(&column);
-        error->get_reason(&reason);
-    }
-    const unique_bstr owned(reason);
-    std::wstring text = reason != nullptr ? Trimmed(std::wstring(reason, ::SysStringLen(reason))) : std::wstring();
+    const DomParseError error = ParseErrorOf(document);
+    long line = error.line;
+    long column = error.column;
+    std::wstring text = Trimmed(error.reason);
     if (line <= 0) {
         if (const auto fault = XmlParseFault(source)) {
             line = fault->line;
@@ -254,14 +61,7 @@ std::wstring ParseErrorOf(IXMLDOMDocument* document, const Position& start, cons
             text = fault->reason;
         }
     }
-    Position at = start;
-    if (line > 1) {
-        at.line += static_cast<size_t>(line) - 1;
-        at.column = static_cast<size_t>(column > 0 ? column : 1);
-    } else if (line == 1 && column > 0) {
-        at.column += static_cast<size_t>(column) - 1;
-    }
-    return L"not well-formed XML at " + Describe(at) + (text.empty() ? L"" : L": " + text);
+    return NotWellFormedAt(start, line, column, text);
 }
 
 }  // namespace
@@ -361,48 +161,32 @@ EventXml ReadEventElement(IXMLDOMElement* event)
 EventFile ParseEventText(std::wstring_view text)
 {
     EventFile file;
-    const Scan scan = ScanEvents(text);
     ComPtr<IXMLDOMDocument> document;
-    if (!scan.events.empty()) {
-        const HRESULT result =
-            ::CoCreateInstance(kClsidDomDocument30, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&document));
-        if (FAILED(result)) {
-            throw HostError(ExitCode::RunFailed,
-                            L"cannot create the XML parser (MSXML 3.0): " + DescribeError(static_cast<DWORD>(result)));
-        }
-        document->put_async(VARIANT_FALSE);
-        document->put_validateOnParse(VARIANT_FALSE);
-        document->put_resolveExternals(VARIANT_FALSE);
-        document->put_preserveWhiteSpace(VARIANT_TRUE);  // blank insertion strings are data
-    }
-    Position position;  // of the event's start, carried along: a file may hold many thousands
+    TextPosition position;  // of the event's start, carried along: a file may hold many thousands
     size_t positionAt = 0;
-    for (size_t i = 0; i < scan.events.size(); ++i) {
-        const auto [start, end] = scan.events[i];
+    const auto fault = ScanEvents(text, [&](size_t number, size_t start, size_t end) {
+        if (!document) {
+            document = NewHostXmlDocument();
+        }
         position = Advance(position, text, positionAt, start);
         positionAt = start;
-        const std::wstring where = L"event " + std::to_wstring(i + 1) + L" (";
         // Loaded as UTF-8 bytes from a stream (see MemoryStream).
-        const std::string source = ToUtf8(std::wstring_view(text).substr(start, end - start));
-        VARIANT stream;
-        ::VariantInit(&stream);
-        V_VT(&stream) = VT_UNKNOWN;
-        V_UNKNOWN(&stream) = MemoryStream(source).Detach();
-        VARIANT_BOOL loaded = VARIANT_FALSE;
-        const HRESULT result = document->load(stream, &loaded);
-        ::VariantClear(&stream);
-        if (FAILED(result) || loaded != VARIANT_TRUE) {
-            file.fault = L"event " + std::to_wstring(i + 1) + L": " + ParseErrorOf(document.Get(), position, source);
-            return file;
+        const std::string source = ToUtf8(text.substr(start, end - start));
+        if (LoadXml(document.Get(), MemoryStream(source).Get()) != S_OK) {
+            file.fault = L"event " + std::to_wstring(number) + L": " + DomFaultText(document.Get(), position, source);
+            return false;
         }
         try {
             file.events.push_back(ReadEventElement(RootElement(document.Get()).Get()));
         } catch (const EventXmlError& error) {
-            file.fault = where + Describe(position) + L"): " + error.What();
-            return file;
+            file.fault = L"event " + std::to_wstring(number) + L" (" + Describe(position) + L"): " + error.What();
+            return false;
         }
+        return true;
+    });
+    if (!file.fault) {
+        file.fault = fault;
     }
-    file.fault = scan.fault;
     return file;
 }
 

@@ -3,12 +3,13 @@
 #include "configuration.h"
 #include "console.h"
 #include "event_source_check.h"
-#include "host_objects.h"
 #include "provider_loader.h"
 #include "replay.h"
 #include "scenario.h"
 #include "scenario_player.h"
 #include "simulator_controls.h"
+#include "support/host_logger.h"
+#include "support/host_value_sink.h"
 #include "value_format.h"
 #include "win/com_strings.h"
 #include "win/unique_resource.h"
@@ -74,7 +75,7 @@ private:
 
 class Querier {
 public:
-    Querier(IDataProviderEx* provider, ValueSink* sink, std::vector<std::wstring> metrics, bool json)
+    Querier(IDataProviderEx* provider, HostValueSink* sink, std::vector<std::wstring> metrics, bool json)
         : provider_(provider), sink_(sink), metrics_(std::move(metrics)), json_(json)
     {
     }
@@ -105,7 +106,7 @@ public:
 
 private:
     IDataProviderEx* provider_;
-    ValueSink* sink_;
+    HostValueSink* sink_;
     std::vector<std::wstring> metrics_;
     bool json_;
     unsigned number_ = 0;
@@ -134,6 +135,14 @@ void AddChannels(const SimulatorControls& simulator, const Scenario& scenario)
     }
 }
 
+// The provider takes an unknown metric name with success and without a word; only its
+// info line "created metric '...'." tells a name it took.
+bool CreatedMetric(const HostLogger& logger, const std::wstring& name)
+{
+    const auto texts = logger.Texts();
+    return std::find(texts.begin(), texts.end(), L"created metric '" + name + L"'.") != texts.end();
+}
+
 bool Stopped(HANDLE stopEvent, DWORD waitMs)
 {
     return ::WaitForSingleObject(stopEvent, waitMs) == WAIT_OBJECT_0;
@@ -157,8 +166,16 @@ ExitCode RunHost(const Options& options, HANDLE stopEvent)
     }
 
     // Declared in this order so they go in reverse: subscriptions, provider, then our objects.
-    ComPtr<ConsoleLogger> logger = Adopt(new ConsoleLogger(options.logLevels));
-    ComPtr<ValueSink> sink = Adopt(new ValueSink());
+    // The logger prints the levels asked for; while it watches the subscriptions it keeps
+    // the lines, info included (see CreatedMetric).
+    const ULONG printed = options.logLevels;
+    ComPtr<HostLogger> logger = Adopt(
+        new HostLogger(printed, false, [printed](LogLevel level, std::wstring_view category, std::wstring_view text) {
+            if ((printed & LevelBit(level)) != 0) {
+                PrintLogLine(level, category, text);
+            }
+        }));
+    ComPtr<HostValueSink> sink = Adopt(new HostValueSink());
     ComPtr<HostContext> context = Adopt(new HostContext());
 
     const auto provider = options.dll.empty() ? ProviderInstance::CreateByProgId(options.progId)
@@ -184,7 +201,8 @@ ExitCode RunHost(const Options& options, HANDLE stopEvent)
             // After the scenario's channels exist, as the metrics will find them.
             const EventSourceCheck check;
             std::vector<std::wstring> checked;
-            logger->WatchCreations(true);
+            logger->SetLevels(printed | LevelBit(LogLevel::Info));
+            logger->Keep(true);
             for (const MetricConfig& metric : configuration.metrics) {
                 subscriptions.Subscribe(metric);
                 // A name subscribed again keeps its first configuration.
@@ -192,11 +210,13 @@ ExitCode RunHost(const Options& options, HANDLE stopEvent)
                     continue;
                 }
                 checked.push_back(metric.name);
-                for (const std::wstring& warning : check.Check(metric, logger->Created(metric.name))) {
+                for (const std::wstring& warning : check.Check(metric, CreatedMetric(*logger.Get(), metric.name))) {
                     WriteErr(L"zeph-host: warning: " + warning + L"\n");
                 }
             }
-            logger->WatchCreations(false);
+            logger->Keep(false);
+            logger->Clear();
+            logger->SetLevels(printed);
         }
         Querier querier(provider->Get(), sink.Get(), DistinctNames(configuration), options.json);
 

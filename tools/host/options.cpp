@@ -1,9 +1,9 @@
 #include "options.h"
 
 #include "exit_codes.h"
+#include "support/text.h"
 
 #include <cwchar>
-#include <cwctype>
 #include <optional>
 
 namespace zeph::host {
@@ -15,14 +15,6 @@ constexpr unsigned kMaxIntervalSeconds = 86400;
 [[noreturn]] void UsageError(const std::wstring& text)
 {
     throw HostError(ExitCode::Usage, text + L" (see zeph-host --help)");
-}
-
-std::wstring Lower(std::wstring text)
-{
-    for (wchar_t& c : text) {
-        c = static_cast<wchar_t>(std::towlower(c));
-    }
-    return text;
 }
 
 unsigned ParseSeconds(const std::wstring& option, const std::wstring& text)
@@ -45,12 +37,12 @@ unsigned ParseSeconds(const std::wstring& option, const std::wstring& text)
 
 ULONG ParseLogLevels(const std::wstring& text)
 {
-    const std::wstring lower = Lower(text);
+    const std::wstring lower = AsciiLower(text);
     if (lower == L"none") {
         return 0;
     }
     if (lower == L"all") {
-        return kLevelError | kLevelWarning | kLevelInfo;
+        return LevelBit(LogLevel::Error) | LevelBit(LogLevel::Warning) | LevelBit(LogLevel::Info);
     }
     ULONG levels = 0;
     size_t start = 0;
@@ -61,11 +53,11 @@ ULONG ParseLogLevels(const std::wstring& text)
         }
         const std::wstring word = lower.substr(start, end - start);
         if (word == L"error") {
-            levels |= kLevelError;
+            levels |= LevelBit(LogLevel::Error);
         } else if (word == L"warning") {
-            levels |= kLevelWarning;
+            levels |= LevelBit(LogLevel::Warning);
         } else if (word == L"info") {
-            levels |= kLevelInfo;
+            levels |= LevelBit(LogLevel::Info);
         } else {
             UsageError(L"--log takes error, warning, info (comma-separated), all or none, not '" + text + L"'");
         }

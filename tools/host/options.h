@@ -2,6 +2,8 @@
 // with a one-line message for anything it does not understand.
 #pragma once
 
+#include "metric/log_level.h"
+
 #include <windows.h>
 
 #include <string>
@@ -12,18 +14,13 @@ namespace zeph::host {
 inline constexpr wchar_t kDefaultProgId[] = L"ZephAgent.EventLogProvider";
 inline constexpr unsigned kDefaultIntervalSeconds = 10;
 
-// Bits of IProviderLogger::GetCategoryLevels.
-inline constexpr ULONG kLevelError = 0x1;
-inline constexpr ULONG kLevelWarning = 0x2;
-inline constexpr ULONG kLevelInfo = 0x4;
-
 struct Options {
     bool help = false;
     bool version = false;  // --version: the host's version and the provider's, then exit
     std::wstring config;   // --config
     std::wstring dll;      // --dll: load this file instead of creating by ProgID
     std::wstring progId = kDefaultProgId;
-    ULONG logLevels = kLevelError | kLevelWarning;
+    ULONG logLevels = LevelBit(LogLevel::Error) | LevelBit(LogLevel::Warning);
     unsigned intervalSeconds = kDefaultIntervalSeconds;
     bool once = false;
     bool json = false;

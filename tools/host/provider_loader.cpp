@@ -4,6 +4,7 @@
 #include "exit_codes.h"
 #include "win/com_strings.h"
 #include "win/module_path.h"
+#include "win/unique_resource.h"
 
 #include <zeph_eventlog_h.h>
 
@@ -25,12 +26,11 @@ bool IsLoadFailure(HRESULT result)
 // merges them into HKEY_CLASSES_ROOT; Wine does not, so there such a registration is not found.
 std::wstring PerUserNote(const std::wstring& progId)
 {
-    HKEY key = nullptr;
+    unique_hkey key;
     const std::wstring path = L"Software\\Classes\\" + progId;
-    if (::RegOpenKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) {
+    if (::RegOpenKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, KEY_READ, key.put()) != ERROR_SUCCESS) {
         return L"";
     }
-    ::RegCloseKey(key);
     return L"; it is registered for the current user only (regsvr32 /i:user /n), which Wine does not merge into "
            L"HKEY_CLASSES_ROOT: register it machine-wide";
 }
@@ -75,8 +75,8 @@ std::unique_ptr<ProviderInstance> ProviderInstance::CreateFromDll(const std::wst
     const std::wstring fullPath = FullPath(path);
     std::unique_ptr<ProviderInstance> instance(new ProviderInstance());
     // The DLL's own folder comes first when its imports (wevtapi.dll) are looked for.
-    instance->module_ = ::LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
-    if (instance->module_ == nullptr) {
+    instance->module_.reset(::LoadLibraryExW(fullPath.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+    if (!instance->module_) {
         std::wstring reason = SystemMessage(::GetLastError());
         // Some texts name the file as an insert.
         if (const size_t insert = reason.find(L"%1"); insert != std::wstring::npos) {
@@ -85,7 +85,7 @@ std::unique_ptr<ProviderInstance> ProviderInstance::CreateFromDll(const std::wst
         throw HostError(ExitCode::DllNotLoaded, L"cannot load the provider DLL '" + path + L"': " + reason);
     }
     const auto getClassObject = reinterpret_cast<DllGetClassObjectFunction>(
-        reinterpret_cast<void*>(::GetProcAddress(instance->module_, "DllGetClassObject")));
+        reinterpret_cast<void*>(::GetProcAddress(instance->module_.get(), "DllGetClassObject")));
     if (getClassObject == nullptr) {
         throw HostError(ExitCode::DllNotLoaded,
                         L"'" + path + L"' is not a COM server: it does not export DllGetClassObject");
@@ -118,16 +118,17 @@ ProviderInstance::~ProviderInstance()
 void ProviderInstance::Release()
 {
     provider_.Reset();
-    if (module_ == nullptr) {
+    if (!module_) {
         return;
     }
     const auto canUnloadNow = reinterpret_cast<DllCanUnloadNowFunction>(
-        reinterpret_cast<void*>(::GetProcAddress(module_, "DllCanUnloadNow")));
+        reinterpret_cast<void*>(::GetProcAddress(module_.get(), "DllCanUnloadNow")));
     // A DLL that still has live objects stays loaded until the process ends.
     if (canUnloadNow != nullptr && canUnloadNow() == S_OK) {
-        ::FreeLibrary(module_);
+        module_.reset();
+    } else {
+        (void)module_.release();
     }
-    module_ = nullptr;
 }
 
 }  // namespace zeph::host

@@ -8,6 +8,8 @@
 // RunFailed and a one-line message.
 #pragma once
 
+#include "win/unique_resource.h"
+
 #include <agent.h>
 #include <wrl/client.h>
 
@@ -32,7 +34,7 @@ private:
     ProviderInstance() = default;
 
     Microsoft::WRL::ComPtr<IDataProviderEx> provider_;
-    HMODULE module_ = nullptr;
+    unique_hmodule module_;
 };
 
 }  // namespace zeph::host

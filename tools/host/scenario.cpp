@@ -1,6 +1,7 @@
 #include "scenario.h"
 
 #include "exit_codes.h"
+#include "win/file_time.h"
 #include "xml_file.h"
 
 #include <algorithm>
@@ -274,7 +275,7 @@ std::optional<ULONGLONG> ParseUtcTime(std::wstring_view text)
         *second > 59 || !::SystemTimeToFileTime(&utc, &fileTime)) {
         return std::nullopt;
     }
-    return ((static_cast<ULONGLONG>(fileTime.dwHighDateTime) << 32) | fileTime.dwLowDateTime) + fraction;
+    return FileTimeCount(fileTime) + fraction;
 }
 
 Scenario LoadScenario(const std::wstring& path)

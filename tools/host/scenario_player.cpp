@@ -2,6 +2,8 @@
 
 #include "console.h"
 #include "exit_codes.h"
+#include "support/text.h"
+#include "win/file_time.h"
 #include "win/unique_resource.h"
 
 #include <algorithm>
@@ -48,7 +50,7 @@ ULONGLONG Now()
 {
     FILETIME now = {};
     ::GetSystemTimePreciseAsFileTime(&now);
-    return (static_cast<ULONGLONG>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
+    return FileTimeCount(now);
 }
 
 }  // namespace
@@ -144,11 +146,7 @@ void ScenarioPlayer::Append(size_t number, const AppendStep& step)
                          L" line(s) to " + path);
     std::string bytes;
     if (step.utf8) {
-        const int size = ::WideCharToMultiByte(CP_UTF8, 0, step.text.data(), static_cast<int>(step.text.size()),
-                                               nullptr, 0, nullptr, nullptr);
-        bytes.resize(static_cast<size_t>(size));
-        ::WideCharToMultiByte(CP_UTF8, 0, step.text.data(), static_cast<int>(step.text.size()), bytes.data(), size,
-                              nullptr, nullptr);
+        bytes = ToUtf8(step.text);
     } else {
         bytes.assign(reinterpret_cast<const char*>(step.text.data()), step.text.size() * sizeof(wchar_t));
     }

@@ -1,6 +1,7 @@
 #include "value_format.h"
 
 #include "console.h"
+#include "win/file_time.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -9,8 +10,6 @@ namespace zeph::host {
 
 namespace {
 
-constexpr ULONGLONG kUnixEpochAsFileTime = 116444736000000000ull;
-constexpr ULONGLONG kFileTimeUnitsPerMs = 10000;
 constexpr ULONGLONG kMaxFileTime = 0x7FFFFFFFFFFFFFFFull;
 
 std::wstring HexCode(HRESULT code)
@@ -37,7 +36,7 @@ std::wstring OneLine(std::wstring_view text)
     return result;
 }
 
-std::wstring TableValue(const MetricValue& value)
+std::wstring TableValue(const SinkWrite& value)
 {
     if (value.type == VT_BSTR) {
         return OneLine(value.text);
@@ -65,9 +64,7 @@ std::optional<std::wstring> UtcText(ULONGLONG unixMilliseconds, bool iso)
         return std::nullopt;
     }
     const ULONGLONG fileTime = unixMilliseconds * kFileTimeUnitsPerMs + kUnixEpochAsFileTime;
-    FILETIME time;
-    time.dwLowDateTime = static_cast<DWORD>(fileTime);
-    time.dwHighDateTime = static_cast<DWORD>(fileTime >> 32);
+    const FILETIME time = FileTimeOfCount(fileTime);
     SYSTEMTIME utc = {};
     if (!::FileTimeToSystemTime(&time, &utc)) {
         return std::nullopt;
@@ -139,12 +136,12 @@ std::wstring TableLines(const MetricQuery& query)
     text += L"\n";
     size_t keyWidth = 0;
     size_t instanceWidth = 0;
-    for (const MetricValue& value : query.values) {
+    for (const SinkWrite& value : query.values) {
         keyWidth = std::max(keyWidth, value.key.size());
-        instanceWidth = std::max(instanceWidth, value.instance.size());
+        instanceWidth = std::max(instanceWidth, value.name.size());
     }
-    for (const MetricValue& value : query.values) {
-        text += L"  " + Padded(value.key, keyWidth) + L"  " + Padded(value.instance, instanceWidth) + L"  " +
+    for (const SinkWrite& value : query.values) {
+        text += L"  " + Padded(value.key, keyWidth) + L"  " + Padded(value.name, instanceWidth) + L"  " +
                 TableValue(value) + L"\n";
     }
     return text;
@@ -155,8 +152,8 @@ std::wstring JsonLines(const MetricQuery& query, const SYSTEMTIME& utcNow)
     const std::wstring prefix =
         L"{\"query\":" + std::to_wstring(query.query) + L",\"metric\":" + JsonString(query.metric);
     std::wstring text;
-    for (const MetricValue& value : query.values) {
-        text += prefix + L",\"key\":" + JsonString(value.key) + L",\"instance\":" + JsonString(value.instance);
+    for (const SinkWrite& value : query.values) {
+        text += prefix + L",\"key\":" + JsonString(value.key) + L",\"instance\":" + JsonString(value.name);
         if (value.type == VT_BSTR) {
             text += L",\"type\":\"string\",\"value\":" + JsonString(value.text);
         } else if (value.type == VT_UI8) {

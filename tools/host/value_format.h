@@ -2,7 +2,7 @@
 // JSON lines. Pure functions; the caller prints the result in one piece.
 #pragma once
 
-#include "host_objects.h"
+#include "support/host_value_sink.h"
 
 #include <windows.h>
 
@@ -18,7 +18,7 @@ struct MetricQuery {
     unsigned query = 0;  // 1, 2, ... in this run
     std::wstring metric;
     HRESULT result = S_OK;
-    std::vector<MetricValue> values;
+    std::vector<SinkWrite> values;
 };
 
 // Milliseconds since 1970-01-01 UTC as "2024-05-14 08:02:11.418 UTC" (iso: "2024-05-14T08:02:11.418Z");

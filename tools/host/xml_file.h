@@ -1,14 +1,13 @@
-// Reading the host's XML files (configuration, scenario) with msxml3's DOMDocument.
+// Reading the host's XML files (configuration, scenario) with msxml3's DOMDocument
+// (support/xml_document.h, whose element reads come with this header).
 #pragma once
 
 #include "exit_codes.h"
-#include "win/xml_dom.h"
+#include "support/xml_document.h"
 
 #include <wrl/client.h>
 
-#include <optional>
 #include <string>
-#include <vector>
 
 namespace zeph::host {
 
@@ -20,17 +19,7 @@ using Microsoft::WRL::ComPtr;
 ComPtr<IXMLDOMDocument> LoadXmlFile(const std::wstring& path, const wchar_t* what, ExitCode missing,
                                     ExitCode malformed);
 
-ComPtr<IXMLDOMElement> RootElement(IXMLDOMDocument* document);
-
-// The element children of an element, in document order (text, comments and
-// processing instructions are skipped).
-std::vector<ComPtr<IXMLDOMElement>> ChildElements(IXMLDOMElement* parent);
-
-std::wstring TagName(IXMLDOMElement* element);
-std::optional<std::wstring> Attribute(IXMLDOMElement* element, const wchar_t* name);
-// The names of the element's attributes, namespace declarations (xmlns, xmlns:*) left out.
-std::vector<std::wstring> AttributeNames(IXMLDOMElement* element);
-// The element's own text and CDATA content, as written.
-std::wstring ElementText(IXMLDOMElement* element);
+// A new DOMDocument; throws HostError(RunFailed) when MSXML 3.0 is missing.
+ComPtr<IXMLDOMDocument> NewHostXmlDocument();
 
 }  // namespace zeph::host

@@ -5,8 +5,8 @@
 // the reason, and gives the DOM only well-formed text.
 #pragma once
 
-#include <objidl.h>
-#include <wrl/client.h>
+#include "support/ref_counted_object.h"
+#include "support/sax_reader.h"
 
 #include <optional>
 #include <string>
@@ -21,12 +21,29 @@ struct XmlFault {
     std::wstring Text() const;  // "at line 2, column 22: reason"
 };
 
+// A SAX error handler that keeps the first fault the reader reports and stops it there.
+class FirstXmlFault final : public RefCountedObject<ISAXErrorHandler> {
+public:
+    STDMETHODIMP error(ISAXLocator* locator, const wchar_t* message, HRESULT code) override
+    {
+        return Keep(locator, message, code);
+    }
+    STDMETHODIMP fatalError(ISAXLocator* locator, const wchar_t* message, HRESULT code) override
+    {
+        return Keep(locator, message, code);
+    }
+    STDMETHODIMP ignorableWarning(ISAXLocator*, const wchar_t*, HRESULT) override { return S_OK; }
+
+    const std::optional<XmlFault>& Fault() const { return fault_; }
+
+private:
+    HRESULT Keep(ISAXLocator* locator, const wchar_t* message, HRESULT code);
+
+    std::optional<XmlFault> fault_;
+};
+
 // Nothing when the bytes are well-formed XML (or no SAX reader can be created:
 // the DOM then reports the fault itself).
 std::optional<XmlFault> XmlParseFault(const std::string& bytes);
-
-// The bytes as an in-memory stream, read from its start. DOMDocument::load and the SAX
-// reader take one whole; Wine's loadXML refuses a text node over 10,000,000 bytes.
-Microsoft::WRL::ComPtr<IStream> MemoryStream(const std::string& bytes);
 
 }  // namespace zeph::host

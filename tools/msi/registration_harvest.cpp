@@ -1,10 +1,10 @@
 #include "registration_harvest.h"
 
+#include "support/registry_redirection.h"
+#include "support/text.h"
 #include "win/unique_resource.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <cwctype>
 #include <map>
 #include <utility>
 
@@ -12,7 +12,7 @@ namespace zeph::msi {
 
 namespace {
 
-constexpr wchar_t kScratch[] = L"Software\\zeph-registration-harvest";
+constexpr wchar_t kScratchOwner[] = L"zeph-registration-harvest";
 constexpr wchar_t kView32[] = L"Wow6432Node";  // the classes root's 32-bit view, as a subkey
 
 struct RedirectedRoot {
@@ -48,12 +48,6 @@ void Check(LSTATUS status, const std::string& what)
     }
 }
 
-std::wstring Lower(std::wstring text)
-{
-    std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) { return std::towlower(c); });
-    return text;
-}
-
 HarvestedRow RowKind(const wchar_t* root, bool view32)
 {
     HarvestedRow row;
@@ -68,8 +62,8 @@ using Snapshot = std::map<std::wstring, HarvestedRow>;
 
 std::wstring EntryId(const HarvestedRow& row)
 {
-    return row.root + (row.view32 ? L"32\n" : L"\n") + Lower(row.key) +
-           (row.hasValue ? L"\n1" + Lower(row.valueName) : L"\n0");
+    return row.root + (row.view32 ? L"32\n" : L"\n") + AsciiLower(row.key) +
+           (row.hasValue ? L"\n1" + AsciiLower(row.valueName) : L"\n0");
 }
 
 // Keys that stand for another (the view's shared keys) are links; they are read
@@ -122,7 +116,7 @@ void ReadTree(HKEY key, const std::wstring& path, const HarvestedRow& kind, cons
         Check(::RegEnumKeyExW(key, i, name.data(), &length, nullptr, nullptr, nullptr, nullptr),
               "cannot list the subkeys of " + Narrow(path));
         name.resize(length);
-        if (Lower(name) == Lower(skipped) || IsLink(key, name)) {
+        if (AsciiLower(name) == AsciiLower(skipped) || IsLink(key, name)) {
             continue;
         }
         unique_hkey subkey;
@@ -161,27 +155,6 @@ void AddChanges(const Snapshot& before, const Snapshot& after, std::vector<Harve
     }
 }
 
-// HKLM and HKCU point at the scratch keys while it lives, whatever way the
-// registration call leaves.
-class Redirection {
-public:
-    explicit Redirection(const std::vector<unique_hkey>& scratchRoots)
-    {
-        for (size_t i = 0; i < std::size(kRedirectedRoots); ++i) {
-            Check(::RegOverridePredefKey(kRedirectedRoots[i].predefined, scratchRoots[i].get()),
-                  "cannot redirect the registry");
-        }
-    }
-    ~Redirection()
-    {
-        for (const RedirectedRoot& root : kRedirectedRoots) {
-            ::RegOverridePredefKey(root.predefined, nullptr);
-        }
-    }
-    Redirection(const Redirection&) = delete;
-    Redirection& operator=(const Redirection&) = delete;
-};
-
 std::wstring ModulePath(HMODULE module)
 {
     std::wstring path(32768, L'\0');
@@ -193,44 +166,36 @@ std::wstring ModulePath(HMODULE module)
 
 Harvest HarvestRegistration(const std::wstring& dllPath)
 {
-    HMODULE module = ::LoadLibraryExW(dllPath.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
-    if (module == nullptr) {
+    const unique_hmodule module(::LoadLibraryExW(dllPath.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+    if (!module) {
         Fail("cannot load " + Narrow(dllPath), static_cast<long>(::GetLastError()));
     }
     using RegisterServer = HRESULT(STDAPICALLTYPE*)();
-    const auto registerServer = reinterpret_cast<RegisterServer>(::GetProcAddress(module, "DllRegisterServer"));
+    const auto registerServer = reinterpret_cast<RegisterServer>(::GetProcAddress(module.get(), "DllRegisterServer"));
     if (registerServer == nullptr) {
         Fail(Narrow(dllPath) + " exports no DllRegisterServer", static_cast<long>(::GetLastError()));
     }
 
-    ::RegDeleteTreeW(HKEY_CURRENT_USER, kScratch);  // left over from a run that was killed
-    std::vector<unique_hkey> scratchRoots;
-    for (const RedirectedRoot& root : kRedirectedRoots) {
-        unique_hkey key;
-        Check(::RegCreateKeyExW(HKEY_CURRENT_USER, (std::wstring(kScratch) + L"\\" + root.name).c_str(), 0, nullptr,
-                                REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr, key.put(), nullptr),
-              "cannot create the scratch key");
-        scratchRoots.push_back(std::move(key));
-    }
+    const ScratchKey scratchRoots[] = {ScratchKey(kScratchOwner), ScratchKey(kScratchOwner)};
+    static_assert(std::size(scratchRoots) == std::size(kRedirectedRoots));
 
-    Harvest harvest{ModulePath(module), {}};
+    Harvest harvest{ModulePath(module.get()), {}};
     const Snapshot before = ReadClassesRoot();
     HRESULT registered = E_UNEXPECTED;
     {
-        Redirection redirection(scratchRoots);
+        // HKLM and HKCU point at the scratch keys while the call runs, whatever way it leaves.
+        const KeyRedirection machine(kRedirectedRoots[0].predefined, scratchRoots[0].Get());
+        const KeyRedirection user(kRedirectedRoots[1].predefined, scratchRoots[1].Get());
         registered = registerServer();
     }
     if (SUCCEEDED(registered)) {
         AddChanges(before, ReadClassesRoot(), harvest.rows);
         for (size_t i = 0; i < std::size(kRedirectedRoots); ++i) {
             Snapshot written;
-            ReadTree(scratchRoots[i].get(), L"", RowKind(kRedirectedRoots[i].name, false), {}, written);
+            ReadTree(scratchRoots[i].Get(), L"", RowKind(kRedirectedRoots[i].name, false), {}, written);
             AddChanges({}, written, harvest.rows);
         }
     }
-    scratchRoots.clear();
-    ::RegDeleteTreeW(HKEY_CURRENT_USER, kScratch);
-    ::RegDeleteKeyW(HKEY_CURRENT_USER, kScratch);
     if (FAILED(registered)) {
         Fail("DllRegisterServer failed", registered);
     }

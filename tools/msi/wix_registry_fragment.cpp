@@ -1,21 +1,13 @@
 #include "wix_registry_fragment.h"
 
+#include "support/text.h"
+
 #include <cstring>
-#include <cwctype>
 #include <string_view>
 
 namespace zeph::msi {
 
 namespace {
-
-std::wstring Lower(std::wstring_view text)
-{
-    std::wstring result(text);
-    for (wchar_t& c : result) {
-        c = static_cast<wchar_t>(std::towlower(c));
-    }
-    return result;
-}
 
 // Square brackets are Windows Installer's formatting syntax; [\x] stands for x.
 std::wstring EscapeFormatted(std::wstring_view text)
@@ -46,9 +38,9 @@ struct Placeholders {
 // replaced (letter case aside, as Windows compares paths).
 std::wstring Formatted(std::wstring_view text, const Placeholders& placeholders)
 {
-    const std::wstring lower = Lower(text);
-    const std::wstring path = Lower(placeholders.path);
-    const std::wstring folder = Lower(placeholders.folder);
+    const std::wstring lower = AsciiLower(text);
+    const std::wstring path = AsciiLower(placeholders.path);
+    const std::wstring folder = AsciiLower(placeholders.folder);
     std::wstring result;
     size_t literal = 0;
     for (size_t i = 0; i < lower.size();) {
@@ -67,27 +59,14 @@ std::wstring Formatted(std::wstring_view text, const Placeholders& placeholders)
     return result;
 }
 
-std::string Utf8(std::wstring_view text)
-{
-    if (text.empty()) {
-        return {};
-    }
-    const int size =
-        ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string result(static_cast<size_t>(size), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), result.data(), size, nullptr,
-                          nullptr);
-    return result;
-}
-
 // An attribute value in double quotes.
 std::string Attribute(std::wstring_view text)
 {
     if (text.find(L"$(") != std::wstring_view::npos) {
-        throw HarvestError("registration text holds '$(', which WiX would read as a variable: " + Utf8(text));
+        throw HarvestError("registration text holds '$(', which WiX would read as a variable: " + ToUtf8(text));
     }
     std::string result;
-    for (char c : Utf8(text)) {
+    for (char c : ToUtf8(text)) {
         switch (c) {
         case '&':
             result += "&amp;";
@@ -124,7 +103,7 @@ std::string WixRegistryInclude(const Harvest& harvest, bool view32, const std::w
 {
     const size_t slash = harvest.modulePath.find_last_of(L'\\');
     if (slash == std::wstring::npos) {
-        throw HarvestError("the DLL's path names no folder: " + Utf8(harvest.modulePath));
+        throw HarvestError("the DLL's path names no folder: " + ToUtf8(harvest.modulePath));
     }
     const Placeholders placeholders{harvest.modulePath, L"[#" + fileId + L"]", harvest.modulePath.substr(0, slash),
                                     folderText};
@@ -157,7 +136,7 @@ std::string WixRegistryInclude(const Harvest& harvest, bool view32, const std::w
             std::memcpy(&number, row.data.data(), sizeof number);
             out += " Type=\"integer\" Value=\"" + std::to_string(static_cast<long>(number)) + "\" />\n";
         } else {
-            throw HarvestError("value '" + Utf8(row.valueName) + "' of " + Utf8(row.key) + " has registry type " +
+            throw HarvestError("value '" + ToUtf8(row.valueName) + "' of " + ToUtf8(row.key) + " has registry type " +
                                std::to_string(row.type) + ", which the package does not write");
         }
     }

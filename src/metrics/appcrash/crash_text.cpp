@@ -1,6 +1,7 @@
 #include "appcrash/crash_text.h"
 
 #include "win/code_unit_search.h"
+#include "win/file_time.h"
 
 namespace zeph {
 
@@ -98,9 +99,7 @@ std::wstring FormatCrashTime(ULONGLONG fileTime)
 
 void AppendCrashTime(std::wstring& text, ULONGLONG fileTime)
 {
-    FILETIME time;
-    time.dwLowDateTime = static_cast<DWORD>(fileTime);
-    time.dwHighDateTime = static_cast<DWORD>(fileTime >> 32);
+    const FILETIME time = FileTimeOfCount(fileTime);
     SYSTEMTIME utc = {};
     ::FileTimeToSystemTime(&time, &utc);
 

@@ -5,6 +5,7 @@
 #include "metric/event_log_reader.h"
 #include "metric/logging.h"
 #include "metric/metric_value_writer.h"
+#include "win/file_time.h"
 
 #include <iterator>
 
@@ -20,10 +21,6 @@ constexpr wchar_t kPublisherName[] = L"drovesvc";
 
 constexpr wchar_t kManagerKey[] = L"SYSTEM\\CurrentControlSet\\services\\drovesvc\\Parameters";
 constexpr wchar_t kManagerValue[] = L"Manager1";
-
-// FILETIME of 1970-01-01 00:00 UTC, and 100 ns units per millisecond.
-constexpr ULONGLONG kUnixEpochFileTime = 116444736000000000ull;
-constexpr ULONGLONG kFileTimeUnitsPerMs = 10000;
 
 constexpr wchar_t kMetricNamespace[] = L"quillon";
 constexpr wchar_t kLogonTimestampKey[] = L"quillon|logon_timestamp";
@@ -58,11 +55,6 @@ constexpr wchar_t kInstanceFailed[] = L"Failed to collect metric 'quillon|instan
 
 // ReadManagerHost's answer for a value that is present but empty.
 constexpr HRESULT kManagerHostEmpty = 1;
-
-ULONGLONG MillisecondsSince1970(ULONGLONG fileTime) noexcept
-{
-    return (fileTime - kUnixEpochFileTime) / kFileTimeUnitsPerMs;
-}
 
 }  // namespace
 
@@ -205,7 +197,7 @@ HRESULT CQuillonMetric::ReportTimestamps(IMetricValueSink* sink)
     };
     HRESULT result = S_OK;
     for (const auto& stamp : stamps) {
-        result = WriteMetricUInt64(sink, stamp.key, kMetricNamespace, MillisecondsSince1970(stamp.stamp));
+        result = WriteMetricUInt64(sink, stamp.key, kMetricNamespace, UnixMillisecondsOf(stamp.stamp));
         if (FAILED(result)) {
             LogFailure(Logger(), result, stamp.failure);
             return result;

@@ -1,9 +1,9 @@
-// The IUnknown core (unknown_core.h) for objects that are not the DLL's own
-// COM classes: the host's logger, sink and context as the console host, the
-// benchmarks and the tests implement them. Unlike ComObject they hold no module
-// lock, so they never keep the provider's DLL loaded. The count is atomic (the
-// provider calls them from event delivery threads); the creator owns the first
-// reference, which Adopt() takes over.
+// The IUnknown core (com/unknown_core.h) for the host side's COM objects, which
+// are not the DLL's own classes: the host objects (host_object.h), the SAX
+// handlers, the tests' aggregating outer object. Unlike ComObject they hold no
+// module lock, so they never keep the provider's DLL loaded. The count is atomic
+// (the provider calls the host objects from event delivery threads); the creator
+// owns the first reference, which Adopt() takes over.
 #pragma once
 
 #include "com/unknown_core.h"
