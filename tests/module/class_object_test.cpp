@@ -154,7 +154,7 @@ TEST_F(ClassObjectTest, TheDllStaysLockedUntilTheProviderIsWhollyDestroyed)
             answers.push_back(server_.CanUnloadNow());
         }
     };
-    const auto logger = Adopt(new Observed<HostLogger>(askOnRelease));
+    const auto logger = Adopt(new Observed<HostLogger>(askOnRelease, 0x7));
     const auto context = Adopt(new Observed<HostContext>(askOnRelease));
     const ComPtr<IXMLDOMElement> config = MakeMetricConfig(L"Application", L"*");
     const unique_bstr crash = MakeBstr(L"eventlog|eventlog_appcrash");

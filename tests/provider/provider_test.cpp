@@ -196,9 +196,9 @@ TEST_F(ProviderTest, SetHostInterfacesKeepsOneReferenceAndMetricsKeepTheirOwn)
     const auto journalAs = [&journal](const wchar_t* name) {
         return [&journal, name](const wchar_t* call) { journal.push_back(std::wstring(name) + L" " + call); };
     };
-    const auto logger2 = Adopt(new Observed<HostLogger>(journalAs(L"new logger")));
+    const auto logger2 = Adopt(new Observed<HostLogger>(journalAs(L"new logger"), 0x7));
     const auto context2 = Adopt(new Observed<HostContext>(journalAs(L"new context")));
-    const auto oldLogger = Adopt(new Observed<HostLogger>(journalAs(L"old logger")));
+    const auto oldLogger = Adopt(new Observed<HostLogger>(journalAs(L"old logger"), 0x7));
     const auto oldContext = Adopt(new Observed<HostContext>(journalAs(L"old context")));
     ASSERT_EQ(provider_->SetHostInterfaces(oldLogger.Get(), oldContext.Get()), S_OK);
     journal.clear();

@@ -14,7 +14,11 @@ template <typename HostObject>
 class Observed final : public HostObject {
 public:
     using Observer = std::function<void(const wchar_t* call)>;
-    explicit Observed(Observer observer) : observer_(std::move(observer)) {}
+    template <typename... Args>
+    explicit Observed(Observer observer, Args&&... args)
+        : HostObject(std::forward<Args>(args)...), observer_(std::move(observer))
+    {
+    }
 
     STDMETHODIMP_(ULONG) AddRef() override
     {
