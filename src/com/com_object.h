@@ -34,14 +34,7 @@ public:
         return QueryInterfaceOf<typename T::Interfaces>(static_cast<T*>(this), riid, object);
     }
     STDMETHODIMP_(ULONG) AddRef() override { return references_.AddRef(); }
-    STDMETHODIMP_(ULONG) Release() override
-    {
-        const ULONG remaining = references_.Release();
-        if (remaining == 0) {
-            delete this;
-        }
-        return remaining;
-    }
+    STDMETHODIMP_(ULONG) Release() override { return references_.ReleaseOwner(this); }
 
     // Creates an object and returns riid on it; the object goes again if that fails.
     [[nodiscard]] static HRESULT Create(REFIID riid, void** object)
@@ -80,14 +73,7 @@ public:
         return QueryInterfaceOf<typename T::Interfaces>(static_cast<T*>(&contained_), riid, object);
     }
     STDMETHODIMP_(ULONG) AddRef() override { return references_.AddRef(); }
-    STDMETHODIMP_(ULONG) Release() override
-    {
-        const ULONG remaining = references_.Release();
-        if (remaining == 0) {
-            delete this;
-        }
-        return remaining;
-    }
+    STDMETHODIMP_(ULONG) Release() override { return references_.ReleaseOwner(this); }
 
     // With an outer object only IUnknown may be asked for: the inner unknown.
     [[nodiscard]] static HRESULT Create(IUnknown* outer, REFIID riid, void** object)

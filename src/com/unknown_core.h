@@ -66,6 +66,16 @@ public:
 
     ULONG AddRef() noexcept { return ++count_; }
     [[nodiscard]] ULONG Release() noexcept { return --count_; }
+    // Release for the object that owns this count: deletes it with the last reference.
+    template <typename Owner>
+    ULONG ReleaseOwner(Owner* owner) noexcept
+    {
+        const ULONG remaining = Release();
+        if (remaining == 0) {
+            delete owner;
+        }
+        return remaining;
+    }
     ULONG Get() const noexcept { return count_.load(); }
 
 private:

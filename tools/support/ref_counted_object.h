@@ -41,14 +41,7 @@ public:
         return QueryInterfaceOf<InterfaceList<Interface, Bases...>>(static_cast<Interface*>(this), riid, object);
     }
     STDMETHODIMP_(ULONG) AddRef() override { return references_.AddRef(); }
-    STDMETHODIMP_(ULONG) Release() override
-    {
-        const ULONG remaining = references_.Release();
-        if (remaining == 0) {
-            delete this;
-        }
-        return remaining;
-    }
+    STDMETHODIMP_(ULONG) Release() override { return references_.ReleaseOwner(this); }
 
     ULONG References() const { return references_.Get(); }
 
