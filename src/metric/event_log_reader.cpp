@@ -1,5 +1,7 @@
 #include "metric/event_log_reader.h"
 
+#include "win/code_unit_search.h"
+
 #include <cstdlib>
 #include <memory>
 
@@ -41,11 +43,16 @@ DWORD FormatEventMessage(EVT_HANDLE publisherMetadata, EVT_HANDLE event, Message
     DWORD bufferUsed = 0;
     if (!::EvtFormatMessage(publisherMetadata, event, 0, 0, nullptr, EvtFormatMessageEvent, 0, nullptr, &bufferUsed) &&
         ::GetLastError() == ERROR_INSUFFICIENT_BUFFER) {
-        std::unique_ptr<wchar_t[]> buffer(new (std::nothrow) wchar_t[bufferUsed]);
+        const DWORD bufferSize = bufferUsed;
+        std::unique_ptr<wchar_t[]> buffer(new (std::nothrow) wchar_t[bufferSize]);
         if (buffer) {
-            if (::EvtFormatMessage(publisherMetadata, event, 0, 0, nullptr, EvtFormatMessageEvent, bufferUsed,
+            if (::EvtFormatMessage(publisherMetadata, event, 0, 0, nullptr, EvtFormatMessageEvent, bufferSize,
                                    buffer.get(), &bufferUsed)) {
-                callback(buffer.get());
+                // Measured within the buffer, eight units at a time: the
+                // runtime's wcslen goes one at a time, which showed in the
+                // event path's crash figure.
+                const wchar_t* const end = FindCodeUnit(buffer.get(), buffer.get() + bufferSize, L'\0');
+                callback(std::wstring_view(buffer.get(), static_cast<size_t>(end - buffer.get())));
             }
         }
     }

@@ -8,11 +8,12 @@
 #include <winevt.h>
 
 #include <functional>
+#include <string_view>
 
 namespace zeph {
 
 using RenderCallback = std::function<void(PEVT_VARIANT& values)>;
-using MessageCallback = std::function<void(const wchar_t* message)>;
+using MessageCallback = std::function<void(std::wstring_view message)>;
 
 // Renders the values at paths (in their order) and calls back once with the
 // EVT_VARIANT array. context is created on first use and then reused; the
@@ -22,7 +23,8 @@ using MessageCallback = std::function<void(const wchar_t* message)>;
                                       RenderCallback callback);
 
 // Formats the event's message with the publisher's metadata and calls back
-// once with the text. Returns the last error after the attempt.
+// once with the text, up to its terminating zero. Returns the last error
+// after the attempt.
 [[nodiscard]] DWORD FormatEventMessage(EVT_HANDLE publisherMetadata, EVT_HANDLE event, MessageCallback callback);
 
 }  // namespace zeph

@@ -14,6 +14,7 @@
 
 #include <cwchar>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,32 @@ TEST(CrashText, OnlyCarriageReturnLineFeedPairsBecomeBreaks)
                                             {L"lone\rcr and lone\nlf\r", L"lone\rcr and lone\nlf\r"}}) {
         EXPECT_EQ(ReplaceLineBreaks(message), replaced);
         EXPECT_EQ(ReplacedLineBreaksLength(message), std::wcslen(replaced)) << message;
+    }
+}
+
+// The texts are measured and copied eight units at a time: a pair, a lone CR or
+// LF must count wherever it falls relative to those chunks, at the end too.
+TEST(CrashText, BreaksAnywhereInLongTextsAgreeWithAPlainReplacement)
+{
+    std::mt19937 random(20261125);
+    const wchar_t alphabet[] = {L'\r', L'\n', L'x', L'<'};
+    const PrivateHeap heap;
+    for (int round = 0; round < 3000; ++round) {
+        std::wstring message(random() % 70, L' ');
+        for (wchar_t& c : message) {
+            c = alphabet[random() % std::size(alphabet)];
+        }
+        std::wstring expected = message;
+        for (size_t at = expected.find(L"\r\n"); at != std::wstring::npos; at = expected.find(L"\r\n", at + 6)) {
+            expected.replace(at, 2, L"<br />");
+        }
+        ASSERT_EQ(ReplaceLineBreaks(message), expected) << "round " << round;
+        ASSERT_EQ(ReplacedLineBreaksLength(message), expected.size()) << "round " << round;
+        // A reported text is written over in place when it has the room, and
+        // made anew when the breaks outgrow it.
+        CrashText text(random() % 160, L'?', PrivateHeapAllocator<wchar_t>(heap));
+        AssignDetailText(text, message, L"T", L"H");
+        ASSERT_EQ(std::wstring(text.begin(), text.end()), expected + L"TH") << "round " << round;
     }
 }
 

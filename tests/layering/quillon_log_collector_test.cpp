@@ -26,7 +26,7 @@ protected:
     std::wstring Collected(bool ok = true)
     {
         EXPECT_EQ(collector_.CollectLog(), ok);
-        return collector_.CollectedText();
+        return std::wstring(collector_.CollectedText());
     }
 
     ServiceInstall service_;
@@ -167,8 +167,9 @@ TEST_F(CollectorTest, SegmentBeyondTheReadLimitIsNotCollected)
 TEST_F(CollectorTest, ZeroCodeUnitEndsTheTextAndAnOddLastByteIsKept)
 {
     ASSERT_TRUE(collector_.PrepareCollectLog());
-    service_.AppendLog(std::wstring(L"abc\0def\r\n", 9));
-    EXPECT_EQ(Collected(), L"abc");
+    // The second unit's high byte is not zero: the odd byte below lands there.
+    service_.AppendLog(std::wstring(L"a\u4e00c\0def\r\n", 9));
+    EXPECT_EQ(Collected(), L"a\u4e00c");
 
     ASSERT_TRUE(collector_.PrepareCollectLog());
     const unsigned char bytes[] = {'A', 0, 'B'};

@@ -61,19 +61,19 @@ void CAppCrashMetric::ParseEventLog(EVT_HANDLE event)
     // Opened afresh for every event and deliberately left open. An event whose
     // message cannot be formatted is no crash we can report: it is skipped.
     EVT_HANDLE publisher = ::EvtOpenPublisherMetadata(nullptr, kCrashPublisher, nullptr, 0, 0);
-    (void)FormatEventMessage(publisher, event, [this](const wchar_t* message) { AddCrashEntry(message); });
+    (void)FormatEventMessage(publisher, event, [this](std::wstring_view message) { AddCrashEntry(message); });
 }
 
-void CAppCrashMetric::AddCrashEntry(const wchar_t* message)
+void CAppCrashMetric::AddCrashEntry(std::wstring_view message)
 {
-    // Built at its final size, in a spare text when there is one.
-    const std::wstring_view text(message);
+    // Written into a spare text when there is one.
     CrashEntry entry{TakeSpareText(), 0};
-    entry.text.reserve(ReplacedLineBreaksLength(text) + crashTimeText_.size() + hostNameText_.size());
-    AppendReplacingLineBreaks(entry.text, text);
-    entry.text += crashTimeText_;
-    entry.text += hostNameText_;
+    AssignDetailText(entry.text, message, crashTimeText_, hostNameText_);
     pendingCrashes_.push_back(std::move(entry));
+    // The text the next crash will be written into: see FetchForWriting.
+    if (!spareTexts_.empty()) {
+        FetchForWriting(spareTexts_.back());
+    }
 }
 
 CrashText CAppCrashMetric::TakeSpareText()
@@ -83,7 +83,6 @@ CrashText CAppCrashMetric::TakeSpareText()
     }
     CrashText text = std::move(spareTexts_.back());
     spareTexts_.pop_back();
-    text.clear();
     return text;
 }
 

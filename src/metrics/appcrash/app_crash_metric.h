@@ -20,6 +20,7 @@
 #include <deque>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 namespace zeph {
 
@@ -52,7 +53,7 @@ protected:
     void ParseEventLog(EVT_HANDLE event) override;
 
 private:
-    void AddCrashEntry(const wchar_t* message);
+    void AddCrashEntry(std::wstring_view message);
     CrashText TakeSpareText();
     void KeepSpareText(CrashText&& text) noexcept;
     [[nodiscard]] bool QueryHostName();

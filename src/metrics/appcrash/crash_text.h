@@ -21,10 +21,15 @@ std::wstring ReplaceLineBreaks(std::wstring_view message);
 // The length of ReplaceLineBreaks(message), without building it.
 size_t ReplacedLineBreaksLength(std::wstring_view message) noexcept;
 
-// Appends ReplaceLineBreaks(message) to text. With text reserved to its final
-// size first, a detail text costs one allocation.
-void AppendReplacingLineBreaks(std::wstring& text, std::wstring_view message);
-void AppendReplacingLineBreaks(CrashText& text, std::wstring_view message);
+// Makes text ReplaceLineBreaks(message), then crashTime, then hostName: in its
+// own storage when that has the room, else at its final size, which is its one
+// allocation.
+void AssignDetailText(CrashText& text, std::wstring_view message, std::wstring_view crashTime,
+                      std::wstring_view hostName);
+
+// Asks the processor to fetch text's storage into its cache ahead of the
+// writes that will fill it, and returns at once.
+void FetchForWriting(const CrashText& text) noexcept;
 
 // "<br />Crash Time: YYYY-MM-DD hh:mm:ss", in UTC as the event log keeps it.
 std::wstring FormatCrashTime(ULONGLONG fileTime);

@@ -24,7 +24,7 @@ constexpr wchar_t kLoginResponse[] = L"Manager status 200 response";
 constexpr wchar_t kMountToken[] = L"MOUNTED-READ;";
 // What a mount line is searched for, measured once at compile time.
 constexpr std::wstring_view kMountTokenText = kMountToken;
-constexpr std::wstring_view kPathEnd = L";";
+constexpr wchar_t kPathEnd = L';';
 constexpr std::wstring_view kLineEnd = L"\r\n";
 
 // The service's image path is read into a 2048-byte buffer of which at most
@@ -57,6 +57,18 @@ constexpr wchar_t kReadBackupLogFailed[] = L"Failed to read from backup log, err
 constexpr wchar_t kLoginResponseNotFound[] = L"Failed to find login response from the log";
 constexpr wchar_t kFoundTesseraPath[] = L"Find tessera path: %s";
 constexpr wchar_t kFoundTesseraId[] = L"Find tessera id: %s";
+
+// An info line whose "%s" is a part of the text: copied out, to end it with a
+// zero, only when the line is written. A parse finds thousands of Tesseras,
+// and two copies of each, made for lines the host seldom wants, weighed on
+// the service log figure.
+void LogTextPart(IProviderLogger* logger, const wchar_t* format, std::wstring_view part, std::wstring& copy)
+{
+    if (IsLogLevelEnabled(logger, LogLevel::Info)) {
+        copy.assign(part);
+        WriteLogLine(logger, LogLevel::Info, FormatString(format, copy.c_str()));
+    }
+}
 
 // Win32 codes and byte counts go to "%d" as the 32-bit integers they are.
 int AsLogNumber(DWORD value) noexcept
@@ -94,7 +106,7 @@ bool CQuillonLogCollector::PrepareCollectLog()
         return false;
     }
     logDirectory_.swap(directory);
-    collectedText_.clear();
+    collectedText_.length = 0;
     if (!file && error == ERROR_FILE_NOT_FOUND) {
         // A log that does not exist yet is read from its start later.
         beginSize_ = 0;
@@ -197,9 +209,9 @@ bool CQuillonLogCollector::SetReadPosition(HANDLE file, DWORD offset)
     return true;
 }
 
-bool CQuillonLogCollector::ReadLogBytes(HANDLE file, DWORD count, std::wstring& destination)
+bool CQuillonLogCollector::ReadLogBytes(HANDLE file, DWORD count, ReadText& destination)
 {
-    destination.clear();
+    destination.length = 0;
     if (count > kMaxReadBytes) {
         Log(logger_.Get(), LogLevel::Error, kReadExceedsMax, AsLogNumber(count));
         return false;
@@ -208,24 +220,27 @@ bool CQuillonLogCollector::ReadLogBytes(HANDLE file, DWORD count, std::wstring& 
         return true;
     }
 
-    // Read straight into the destination, which keeps its storage from one
-    // collection to the next: a half-megabyte scratch buffer and a second copy
-    // per read would cost more than the read. Zeroed and one unit longer than
-    // the bytes asked for, so an odd last byte gets a zero high byte and the
-    // text is always terminated.
-    destination.assign((count + 1) / 2 + 1, L'\0');
-    DWORD bytesRead = 0;
-    if (!::ReadFile(file, destination.data(), count, &bytesRead, nullptr)) {
-        const DWORD error = ::GetLastError();
-        destination.clear();
-        // The caller reports the read's own error.
-        ::SetLastError(error);
-        return false;
+    // Read straight into the destination's storage, which stays from one
+    // collection to the next and is read over without being zeroed first:
+    // a half-megabyte scratch buffer and a second copy per read, then zeroing
+    // the storage before each read, cost the service log figure more than
+    // reading and searching it.
+    if (destination.units.size() < (count + 1) / 2) {
+        destination.units.resize((count + 1) / 2);
     }
-    // A zero code unit ends the text there (the zero after the read bytes at
-    // the latest).
-    const wchar_t* const text = destination.data();
-    destination.resize(static_cast<size_t>(FindCodeUnit(text, text + destination.size(), L'\0') - text));
+    wchar_t* const text = destination.units.data();
+    DWORD bytesRead = 0;
+    if (!::ReadFile(file, text, count, &bytesRead, nullptr)) {
+        return false;  // the caller reports the read's own error
+    }
+    // What zeroed storage would give: an odd last byte with a zero high byte,
+    // and the text ending with the bytes read, or at a zero code unit before.
+    const size_t unitsRead = (bytesRead + 1) / 2;
+    if (bytesRead % 2 != 0) {
+        // Little-endian: the low byte came first.
+        text[unitsRead - 1] = static_cast<wchar_t>(text[unitsRead - 1] & 0xff);
+    }
+    destination.length = static_cast<size_t>(FindCodeUnit(text, text + unitsRead, L'\0') - text);
     return true;
 }
 
@@ -248,7 +263,7 @@ bool CQuillonLogCollector::CollectLog()
 bool CQuillonLogCollector::ReadNewLogs(HANDLE file)
 {
     if (currentSize_ == beginSize_) {
-        collectedText_.clear();
+        collectedText_.length = 0;
         Log(logger_.Get(), LogLevel::Info, kNoLogsCollected);
         return true;
     }
@@ -275,24 +290,29 @@ bool CQuillonLogCollector::ReadCurrentLog(HANDLE file)
 
 bool CQuillonLogCollector::ReadRotatedLogs(HANDLE file)
 {
-    std::wstring backupPart;
+    ReadText backupPart;
     if (!ReadBackupLog(backupPart)) {
         return false;
     }
     // The new log is read whole, from its start (the file was just opened).
-    std::wstring currentPart;
+    ReadText currentPart;
     if (!ReadLogBytes(file, currentSize_, currentPart)) {
         Log(logger_.Get(), LogLevel::Error, kReadLogsFailed, AsLogNumber(::GetLastError()));
         return false;
     }
-    collectedText_ = std::move(backupPart);
-    collectedText_ += currentPart;
+    const size_t length = backupPart.length + currentPart.length;
+    if (collectedText_.units.size() < length) {
+        collectedText_.units.resize(length);
+    }
+    std::copy_n(currentPart.units.data(), currentPart.length,
+                std::copy_n(backupPart.units.data(), backupPart.length, collectedText_.units.data()));
+    collectedText_.length = length;
     return true;
 }
 
-bool CQuillonLogCollector::ReadBackupLog(std::wstring& destination)
+bool CQuillonLogCollector::ReadBackupLog(ReadText& destination)
 {
-    destination.clear();
+    destination.length = 0;
 
     DWORD error = ERROR_SUCCESS;
     const unique_file file = OpenLogFile(logDirectory_ + kBackupLogFileName, error);
@@ -334,31 +354,32 @@ bool CQuillonLogCollector::FindLoginResponse()
     }
     // Searched only once the search is through: one that failed for want of
     // memory is tried again with the next all-done event.
-    const size_t response = FindText(collectedText_, kLoginResponse);
+    const size_t response = FindText(collectedText_.Text(), kLoginResponse);
     if (response == std::wstring::npos) {
         Log(logger_.Get(), LogLevel::Error, kLoginResponseNotFound);
         responseSearched_ = true;
         return false;
     }
     // Mount lines before the answer belong to an earlier log-on. (Always true.)
-    (void)ParseMountedTesseras(collectedText_, response + std::size(kLoginResponse) - 1);
+    (void)ParseMountedTesseras(collectedText_.Text(), response + std::size(kLoginResponse) - 1);
     responseSearched_ = true;
     return true;
 }
 
-bool CQuillonLogCollector::ParseMountedTesseras(const std::wstring& text, size_t start)
+bool CQuillonLogCollector::ParseMountedTesseras(std::wstring_view text, size_t start)
 {
     // All or nothing: a text whose entries cannot all be kept adds none, so
     // that the service log still gets its chance.
     const size_t kept = tesseraSpans_.size();
     try {
-        std::wstring path;
-        std::wstring id;
+        std::wstring_view path;
+        std::wstring_view id;
+        std::wstring logged;
         size_t position = start;
         while (ExtractMountEntry(text, position, path, id, position)) {
-            Log(logger_.Get(), LogLevel::Info, kFoundTesseraPath, path.c_str());
-            Log(logger_.Get(), LogLevel::Info, kFoundTesseraId, id.c_str());
-            AddTessera(id, path);
+            LogTextPart(logger_.Get(), kFoundTesseraPath, path, logged);
+            LogTextPart(logger_.Get(), kFoundTesseraId, id, logged);
+            AddTessera(path, id);
         }
     } catch (...) {
         tesseraSpans_.resize(kept);
@@ -367,18 +388,17 @@ bool CQuillonLogCollector::ParseMountedTesseras(const std::wstring& text, size_t
     return true;
 }
 
-void CQuillonLogCollector::AddTessera(const std::wstring& id, const std::wstring& path)
+void CQuillonLogCollector::AddTessera(std::wstring_view path, std::wstring_view id)
 {
-    const size_t length = id.size() + path.size();
-    if (tesseraBlocks_.empty() || tesseraBlocks_.back().capacity() - tesseraBlocks_.back().size() < length) {
+    const std::wstring_view line(path.data(), path.size() + 1 + id.size());
+    if (tesseraBlocks_.empty() || tesseraBlocks_.back().capacity() - tesseraBlocks_.back().size() < line.size()) {
         std::wstring block;
-        block.reserve(std::max(length, kTesseraBlockChars));
+        block.reserve(std::max(line.size(), kTesseraBlockChars));
         tesseraBlocks_.push_back(std::move(block));
     }
     std::wstring& block = tesseraBlocks_.back();
-    const TesseraSpan span{tesseraBlocks_.size() - 1, block.size(), id.size(), path.size()};
-    block += id;
-    block += path;
+    const TesseraSpan span{tesseraBlocks_.size() - 1, block.size(), path.size(), id.size()};
+    block += line;
     tesseraSpans_.push_back(span);
 }
 
@@ -388,38 +408,46 @@ std::vector<TesseraEntry> CQuillonLogCollector::GetTesseras() const
     tesseras.reserve(tesseraSpans_.size());
     for (const TesseraSpan& span : tesseraSpans_) {
         const std::wstring& block = tesseraBlocks_[span.block];
-        tesseras.push_back(TesseraEntry{block.substr(span.idStart, span.idLength),
-                                        block.substr(span.idStart + span.idLength, span.pathLength)});
+        tesseras.push_back(TesseraEntry{block.substr(span.start + span.pathLength + 1, span.idLength),
+                                        block.substr(span.start, span.pathLength)});
     }
     return tesseras;
 }
 
-bool CQuillonLogCollector::ExtractMountEntry(const std::wstring& text, size_t start, std::wstring& path,
-                                             std::wstring& id, size_t& next)
+bool CQuillonLogCollector::ExtractMountEntry(std::wstring_view text, size_t start, std::wstring_view& path,
+                                             std::wstring_view& id, size_t& next)
 {
     // A mount line ends in "MOUNTED-READ;<path>;<id>\r\n".
-    // Over a whole parse each search below covers the collected text once:
+    // Over a whole parse the searches below cover the collected text once:
     // they go eight units at a time rather than the runtime's one.
     const size_t token = FindText(text, kMountTokenText, start);
     if (token == std::wstring::npos) {
         return false;
     }
-    const size_t pathStart = token + std::size(kMountToken) - 1;
+    const size_t pathStart = token + kMountTokenText.size();
     if (pathStart >= text.size()) {
         return false;
     }
-    const size_t separator = FindText(text, kPathEnd, pathStart);
-    if (separator == std::wstring::npos) {
+    const wchar_t* const begin = text.data();
+    const wchar_t* const end = begin + text.size();
+    // The single units are looked for by themselves, without the general
+    // search around them: three searches a Tessera weighed on the service
+    // log figure.
+    const wchar_t* const separator = FindCodeUnit(begin + pathStart, end, kPathEnd);
+    if (separator == end) {
         return false;
     }
     // A last line without its line end may still be being written: not taken.
-    const size_t lineEnd = FindText(text, kLineEnd, separator);
-    if (lineEnd == std::wstring::npos) {
+    const wchar_t* lineEnd = FindCodeUnit(separator, end - 1, kLineEnd[0]);
+    while (lineEnd != end - 1 && lineEnd[1] != kLineEnd[1]) {
+        lineEnd = FindCodeUnit(lineEnd + 1, end - 1, kLineEnd[0]);
+    }
+    if (lineEnd == end - 1) {
         return false;
     }
-    path.assign(text, pathStart, separator - pathStart);
-    id.assign(text, separator + 1, lineEnd - separator - 1);
-    next = lineEnd;
+    path = std::wstring_view(begin + pathStart, static_cast<size_t>(separator - begin) - pathStart);
+    id = std::wstring_view(separator + 1, static_cast<size_t>(lineEnd - separator) - 1);
+    next = static_cast<size_t>(lineEnd - begin);
     return true;
 }
 

@@ -25,6 +25,7 @@
 #include <cstddef>
 #include <deque>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace zeph {
@@ -60,13 +61,13 @@ public:
 
     // Appends every mount entry of text from start on, in text order.
     // Nothing here fails but allocation, which adds none; always true.
-    [[nodiscard]] bool ParseMountedTesseras(const std::wstring& text, size_t start);
+    [[nodiscard]] bool ParseMountedTesseras(std::wstring_view text, size_t start);
 
     // The Tesseras found since PrepareCollectLog, in the order found.
     std::vector<TesseraEntry> GetTesseras() const;
 
     const std::wstring& LogDirectory() const noexcept { return logDirectory_; }
-    const std::wstring& CollectedText() const noexcept { return collectedText_; }
+    std::wstring_view CollectedText() const noexcept { return collectedText_.Text(); }
     DWORD BeginSize() const noexcept { return beginSize_; }
 
 private:
@@ -76,32 +77,42 @@ private:
     unique_file OpenLogFile(const std::wstring& path, DWORD& error);
     [[nodiscard]] bool GetLogFileSize(HANDLE file, DWORD& size);
     [[nodiscard]] bool SetReadPosition(HANDLE file, DWORD offset);
-    [[nodiscard]] bool ReadLogBytes(HANDLE file, DWORD count, std::wstring& destination);
+    // A text read from the log: the first length units of units, whose
+    // size only grows, so that a read zeroes nothing (see ReadLogBytes).
+    struct ReadText {
+        std::wstring units;
+        size_t length = 0;
+        std::wstring_view Text() const noexcept { return {units.data(), length}; }
+    };
+    [[nodiscard]] bool ReadLogBytes(HANDLE file, DWORD count, ReadText& destination);
     [[nodiscard]] bool ReadNewLogs(HANDLE file);
     [[nodiscard]] bool ReadCurrentLog(HANDLE file);
     [[nodiscard]] bool ReadRotatedLogs(HANDLE file);
-    [[nodiscard]] bool ReadBackupLog(std::wstring& destination);
-    [[nodiscard]] static bool ExtractMountEntry(const std::wstring& text, size_t start, std::wstring& path,
-                                                std::wstring& id, size_t& next);
+    [[nodiscard]] bool ReadBackupLog(ReadText& destination);
+    // path and id are parts of text.
+    [[nodiscard]] static bool ExtractMountEntry(std::wstring_view text, size_t start, std::wstring_view& path,
+                                                std::wstring_view& id, size_t& next);
 
     std::wstring logDirectory_;
-    std::wstring collectedText_;
+    ReadText collectedText_;
     DWORD beginSize_ = 0;
     DWORD currentSize_ = 0;
     bool responseSearched_ = false;
-    // The Tesseras found, in order: each id with its path right after it, back
-    // to back in blocks of text, and where each lies. A log-on may mount
-    // thousands; two strings of their own each cost two allocations per
-    // Tessera on the log-on path, and one ever-growing text kept asking the
-    // system for fresh pages. GetTesseras makes the strings for whoever asks.
+    // The Tesseras found, in order: each as its mount line names it, path,
+    // ";" and id, copied at once, back to back in blocks of text, and where
+    // each lies. A log-on may mount thousands; two strings of their own each
+    // cost two allocations per Tessera on the log-on path, and one
+    // ever-growing text kept asking the system for fresh pages. GetTesseras
+    // makes the strings for whoever asks.
     static constexpr size_t kTesseraBlockChars = 4096;
     struct TesseraSpan {
         size_t block;
-        size_t idStart;
-        size_t idLength;
+        size_t start;
         size_t pathLength;
+        size_t idLength;
     };
-    void AddTessera(const std::wstring& id, const std::wstring& path);
+    // path and id as ExtractMountEntry gives them, one ";" apart in the text.
+    void AddTessera(std::wstring_view path, std::wstring_view id);
     std::vector<std::wstring> tesseraBlocks_;
     std::deque<TesseraSpan> tesseraSpans_;
     Microsoft::WRL::ComPtr<IProviderLogger> logger_;

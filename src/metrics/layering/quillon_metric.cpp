@@ -92,7 +92,7 @@ void CQuillonMetric::ParseEventLog(EVT_HANDLE event)
     // Opened per event and deliberately left open, as the crash metric does.
     const EVT_HANDLE publisher = ::EvtOpenPublisherMetadata(nullptr, kPublisherName, nullptr, 0, 0);
     // An unformattable message keeps the last one, which classifies as before.
-    (void)FormatEventMessage(publisher, event, [this](const wchar_t* message) { currentEvent_.message = message; });
+    (void)FormatEventMessage(publisher, event, [this](std::wstring_view message) { currentEvent_.message = message; });
 
     // Handled in place: nothing below changes it, and a copy would cost a
     // string allocation per event on the delivery thread.
