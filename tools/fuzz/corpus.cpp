@@ -2,15 +2,14 @@
 
 #include "event_xml.h"
 #include "eventlog-sim/eventlog_sim.h"
-#include "metric/event_log_handle.h"
+#include "message_recorder.h"
+#include "provider_session.h"
 #include "scenario.h"
 #include "target.h"
 #include "win/unique_resource.h"
 
 #include <gtest/gtest.h>
 
-#include <cwchar>
-#include <mutex>
 #include <variant>
 
 namespace zeph::fuzz {
@@ -26,33 +25,7 @@ std::vector<std::wstring> FormattedMessages(const std::vector<host::EventXml>& e
 {
     constexpr wchar_t kChannel[] = L"ZephFuzzCorpus";
     ::EvtSimAddChannel(kChannel);
-    struct Delivered {
-        std::mutex mutex;
-        std::vector<std::wstring> messages;
-    } delivered;
-    const auto callback = [](EVT_SUBSCRIBE_NOTIFY_ACTION action, PVOID context, EVT_HANDLE event) -> DWORD {
-        if (action != EvtSubscribeActionDeliver) {
-            return 0;
-        }
-        const unique_evt_handle publisher(::EvtOpenPublisherMetadata(nullptr, kCrashPublisher, nullptr, 0, 0));
-        DWORD used = 0;
-        if (::EvtFormatMessage(publisher.get(), event, 0, 0, nullptr, EvtFormatMessageEvent, 0, nullptr, &used) ||
-            ::GetLastError() != ERROR_INSUFFICIENT_BUFFER) {
-            return 0;  // another publisher's event
-        }
-        std::wstring message(used, L'\0');
-        if (::EvtFormatMessage(publisher.get(), event, 0, 0, nullptr, EvtFormatMessageEvent, used, message.data(),
-                               &used)) {
-            message.resize(std::wcslen(message.c_str()));
-            auto& into = *static_cast<Delivered*>(context);
-            const std::lock_guard lock(into.mutex);
-            into.messages.push_back(message);
-        }
-        return 0;
-    };
-    unique_evt_handle subscription(
-        ::EvtSubscribe(nullptr, nullptr, kChannel, L"*", nullptr, &delivered, callback, EvtSubscribeToFutureEvents));
-    EXPECT_TRUE(subscription) << "subscribing the corpus channel: " << ::GetLastError();
+    const MessageRecorder recorder(kChannel, kCrashPublisher);
     for (const host::EventXml& event : events) {
         std::vector<LPCWSTR> insertions;
         for (const std::wstring& text : event.insertions) {
@@ -68,9 +41,14 @@ std::vector<std::wstring> FormattedMessages(const std::vector<host::EventXml>& e
                                       0};
         EXPECT_EQ(::EvtSimWriteEventData(&data), static_cast<DWORD>(ERROR_SUCCESS));
     }
-    EXPECT_TRUE(::EvtSimWaitForDeliveries(60000));
-    subscription.reset();
-    return delivered.messages;
+    EXPECT_TRUE(::EvtSimWaitForDeliveries(kDeliveryDeadlineMs));
+    std::vector<std::wstring> messages;
+    for (const auto& message : recorder.Messages()) {
+        if (message) {
+            messages.push_back(*message);  // another publisher's event has none
+        }
+    }
+    return messages;
 }
 
 Corpus LoadCorpus(const std::wstring& folder)
@@ -84,7 +62,9 @@ Corpus LoadCorpus(const std::wstring& folder)
     EXPECT_FALSE(exported.fault.has_value()) << "the demo's exported events do not read";
     corpus.crashMessages = FormattedMessages(exported.events);
     for (const host::EventXml& event : exported.events) {
-        corpus.insertions.insert(corpus.insertions.end(), event.insertions.begin(), event.insertions.end());
+        if (event.publisher == kCrashPublisher) {
+            corpus.crashInsertions.push_back(event.insertions);
+        }
     }
 
     const host::Scenario scenario = host::LoadScenario(folder + L"\\scenario.xml");

@@ -9,13 +9,13 @@
 namespace zeph::fuzz {
 
 struct Corpus {
-    std::vector<std::wstring> crashMessages;     // the demo's crashes, formatted by the event log
-    std::vector<std::wstring> layeringMessages;  // the layering service's events of the demo scenario
-    std::wstring serviceLog;                     // what the demo's layering service writes to its log
-    std::vector<std::wstring> insertions;        // the insertion strings of the exported events
-    std::string configFile;                      // demo/zeph-host.xml
-    std::string scenarioFile;                    // demo/scenario.xml
-    std::string eventsFile;                      // demo/application-errors.xml
+    std::vector<std::wstring> crashMessages;                 // the demo's crashes, formatted by the event log
+    std::vector<std::wstring> layeringMessages;              // the layering service's events of the demo scenario
+    std::wstring serviceLog;                                 // what the demo's layering service writes to its log
+    std::vector<std::vector<std::wstring>> crashInsertions;  // the insertion strings of each exported crash
+    std::string configFile;                                  // demo/zeph-host.xml
+    std::string scenarioFile;                                // demo/scenario.xml
+    std::string eventsFile;                                  // demo/application-errors.xml
 };
 
 const Corpus& DemoCorpus();

@@ -1,16 +1,19 @@
-// The crash metric fed any message text and any event values: every crash
-// whose message can be formatted is reported, in order, as the message with
-// each CR LF pair replaced by "<br />", then its time (when the event has
-// one) and the host's name.
+// The crash metric fed any message text, any insertion strings and any event
+// values: every crash whose message can be formatted is reported, in order, as
+// the message with each CR LF pair replaced by "<br />", then its time (when
+// the event has one) and the host's name. The message of an event given by its
+// insertion strings is what the event log formats for a subscriber of our own.
 #include "corpus.h"
 #include "event_fields.h"
 #include "write_check.h"
 #include "machine_name.h"
+#include "message_recorder.h"
 #include "target.h"
 
 #include <gtest/gtest.h>
 
 #include <cwchar>
+#include <optional>
 
 namespace zeph::fuzz {
 
@@ -21,9 +24,8 @@ constexpr wchar_t kPublisher[] = L"Application Error";
 constexpr size_t kMostEvents = 4;
 constexpr ULONGLONG kSampleTime = 133601471212070000ull;  // 2024-05-14 07:58:41.207 UTC
 
-std::wstring Detail(const FuzzEvent& event, const std::wstring& hostName)
+std::wstring Detail(const std::wstring& message, const FuzzEvent& event, const std::wstring& hostName)
 {
-    const std::wstring message = BeforeNul(event.message);
     std::wstring detail;
     for (size_t i = 0; i < message.size(); ++i) {
         if (message[i] == L'\r' && i + 1 < message.size() && message[i + 1] == L'\n') {
@@ -56,6 +58,13 @@ public:
         for (const std::wstring& message : corpus.crashMessages) {
             seeds.push_back(InputOf({{message, kSampleTime, 0, 1000}}));
         }
+        for (const auto& insertions : corpus.crashInsertions) {
+            std::wstring joined;
+            for (const std::wstring& insertion : insertions) {
+                joined += insertion + kInsertionEnd;
+            }
+            seeds.push_back(InputOf({{joined, kSampleTime, kDataEvent, 1000}}));
+        }
         const std::wstring& first = corpus.crashMessages.front();
         seeds.push_back(InputOf({{first, kSampleTime, EVT_SIM_NO_TIME, 1000},
                                  {L"", 0, 0, 1000},
@@ -67,7 +76,9 @@ public:
     Dictionary Pieces() override
     {
         std::vector<std::wstring> texts = DemoCorpus().crashMessages;
-        texts.insert(texts.end(), DemoCorpus().insertions.begin(), DemoCorpus().insertions.end());
+        for (const auto& insertions : DemoCorpus().crashInsertions) {
+            texts.insert(texts.end(), insertions.begin(), insertions.end());
+        }
         return MessagePieces(std::move(texts));
     }
 
@@ -76,24 +87,42 @@ public:
     void Run(const Input& input) override
     {
         const std::vector<FuzzEvent> events = EventsOf(input, kMostEvents);
+        const MessageRecorder recorder(L"Application", kPublisher);
+        std::vector<SinkWrite> writes;
+        {
+            const ProviderSession session(kMetric, kPublisher);
+            for (const FuzzEvent& event : events) {
+                session.Write(event);
+            }
+            session.WaitForDeliveries();
+            writes = session.Query();
+        }
+
+        const std::vector<std::optional<std::wstring>> formatted = recorder.Messages();
         std::vector<SinkWrite> expected;
+        size_t delivered = 0;
         for (const FuzzEvent& event : events) {
-            if ((event.flags & (EVT_SIM_UNFORMATTABLE | kErrorDelivery)) != 0) {
+            if ((event.flags & kErrorDelivery) != 0) {
+                continue;  // no event
+            }
+            std::optional<std::wstring> message;
+            if ((event.flags & kDataEvent) != 0) {
+                message = delivered < formatted.size() ? formatted[delivered] : std::nullopt;
+            } else if ((event.flags & EVT_SIM_UNFORMATTABLE) == 0) {
+                message = BeforeNul(event.message);
+            }
+            ++delivered;
+            if (!message) {
                 continue;  // no message, no crash
             }
             if (expected.empty()) {
                 expected.push_back({L"appcrash|contained", L"appcrash|contained", VT_BSTR, L"true"});
             }
-            expected.push_back(
-                {L"appcrash|crash_details|*", std::to_wstring(expected.size()), VT_BSTR, Detail(event, hostName_)});
+            expected.push_back({L"appcrash|crash_details|*", std::to_wstring(expected.size()), VT_BSTR,
+                                Detail(*message, event, hostName_)});
         }
-
-        const ProviderSession session(kMetric, kPublisher);
-        for (const FuzzEvent& event : events) {
-            session.Write(event);
-        }
-        session.WaitForDeliveries();
-        ExpectWrites(session.Query(), expected);
+        EXPECT_EQ(formatted.size(), delivered) << "events delivered to a subscriber beside the provider";
+        ExpectWrites(writes, expected);
     }
 
 private:

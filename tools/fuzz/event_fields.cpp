@@ -17,7 +17,7 @@ std::vector<FuzzEvent> EventsOf(const Input& input, size_t mostEvents)
     for (size_t i = 0; i < events.size(); ++i) {
         events[i].message = input.Text(Name("message", i));
         events[i].time = input.Number(Name("time", i));
-        events[i].flags = static_cast<DWORD>(input.Number(Name("flags", i)) & 0xF);
+        events[i].flags = static_cast<DWORD>(input.Number(Name("flags", i)) & 0x1F);
         events[i].id = static_cast<USHORT>(input.Number(Name("id", i)));
     }
     return events;
@@ -39,7 +39,8 @@ Input InputOf(const std::vector<FuzzEvent>& events)
 void SteerEventFlags(Input& input, Mutator& mutator, size_t mostEvents)
 {
     if (mutator.OneIn(4)) {
-        constexpr DWORD kFlags[] = {EVT_SIM_UNFORMATTABLE, EVT_SIM_NO_TIME, EVT_SIM_NO_EVENT_ID, kErrorDelivery};
+        constexpr DWORD kFlags[] = {EVT_SIM_UNFORMATTABLE, EVT_SIM_NO_TIME, EVT_SIM_NO_EVENT_ID, kErrorDelivery,
+                                    kDataEvent};
         const std::string name = Name("flags", static_cast<size_t>(mutator.Below(mostEvents)));
         input.SetNumber(name, input.Number(name) ^ kFlags[mutator.Below(std::size(kFlags))]);
     }
@@ -49,7 +50,8 @@ Dictionary MessagePieces(std::vector<std::wstring> texts)
 {
     Dictionary pieces;
     pieces.texts = std::move(texts);
-    pieces.texts.insert(pieces.texts.end(), {L"\r\n", L"\n\r", L"\r\r\n", L"<br />", L"%s%n%d", L"\\\\?\\"});
+    pieces.texts.insert(pieces.texts.end(), {L"\r\n", L"\n\r", L"\r\r\n", L"<br />", L"%s%n%d", L"\\\\?\\",
+                                             std::wstring(1, kInsertionEnd)});
     pieces.textSizes = {0, 1, 2, 32767, 32768, 65536, 100000};
     return pieces;
 }

@@ -17,8 +17,8 @@ std::vector<FuzzEvent> EventsOf(const Input& input, size_t mostEvents);
 // An input of these events.
 Input InputOf(const std::vector<FuzzEvent>& events);
 
-// Now and then: an event's value that cannot be rendered or formatted, or an
-// error delivered in its place.
+// Now and then: an event's value that cannot be rendered or formatted, an
+// error delivered in its place, its message taken as insertion strings.
 void SteerEventFlags(Input& input, Mutator& mutator, size_t mostEvents);
 
 // Sizes of a message that matter: 64 KiB and more, the empty one.

@@ -34,5 +34,9 @@ status=0
 "$build/wine-run" "$build/bin/zeph-fuzz.exe" --out "$(windows "$out")" --wine-stderr "$(windows "$wine_stderr")" \
   "${args[@]}" 2>>"$wine_stderr" || status=$?
 cat "$wine_stderr" >&2  # where CTest looks for crash and heap reports too
+# A crash ends a Wine process with whatever status its debugger leaves.
+if grep -qE 'Unhandled (exception|page fault)|(err|warn):heap:' "$wine_stderr"; then
+  status=1
+fi
 rm -f "$wine_stderr"
 exit "$status"

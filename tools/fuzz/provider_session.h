@@ -17,6 +17,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace zeph::fuzz {
 
@@ -30,6 +31,10 @@ struct FuzzEvent {
 
 // Not an event: the event log's error delivery (EvtSubscribeActionError) in its place.
 constexpr DWORD kErrorDelivery = 0x8;
+// An event as Windows stores it: the message holds its insertion strings, each
+// ended by kInsertionEnd, which the publisher's template formats.
+constexpr DWORD kDataEvent = 0x10;
+constexpr wchar_t kInsertionEnd = L'\x1F';
 // How long the simulator may take to deliver an input's events.
 constexpr DWORD kDeliveryDeadlineMs = 20000;
 
@@ -57,13 +62,35 @@ public:
             EXPECT_EQ(::EvtSimDeliverError(L"Application", event.time & 0xFFFF), static_cast<DWORD>(ERROR_SUCCESS));
             return;
         }
-        const EVT_SIM_EVENT written{L"Application",
-                                    publisher_.c_str(),
-                                    event.id,
-                                    event.time,
-                                    event.message.c_str(),
-                                    event.flags & (EVT_SIM_UNFORMATTABLE | EVT_SIM_NO_TIME | EVT_SIM_NO_EVENT_ID)};
-        EXPECT_EQ(::EvtSimWriteEvent(&written), static_cast<DWORD>(ERROR_SUCCESS));
+        const DWORD flags = event.flags & (EVT_SIM_UNFORMATTABLE | EVT_SIM_NO_TIME | EVT_SIM_NO_EVENT_ID);
+        if ((event.flags & kDataEvent) == 0) {
+            const EVT_SIM_EVENT written{L"Application", publisher_.c_str(),    event.id,
+                                        event.time,     event.message.c_str(), flags};
+            EXPECT_EQ(::EvtSimWriteEvent(&written), static_cast<DWORD>(ERROR_SUCCESS));
+            return;
+        }
+        std::vector<std::wstring> insertions(1);
+        for (const wchar_t unit : event.message) {
+            if (unit == kInsertionEnd) {
+                insertions.emplace_back();
+            } else {
+                insertions.back() += unit;
+            }
+        }
+        insertions.pop_back();  // what follows the last end is no insertion
+        std::vector<LPCWSTR> pointers;
+        for (const std::wstring& insertion : insertions) {
+            pointers.push_back(insertion.c_str());
+        }
+        const EVT_SIM_EVENT_DATA written{L"Application",
+                                         publisher_.c_str(),
+                                         event.id,
+                                         event.time,
+                                         static_cast<DWORD>(pointers.size()),
+                                         pointers.data(),
+                                         nullptr,
+                                         flags};
+        EXPECT_EQ(::EvtSimWriteEventData(&written), static_cast<DWORD>(ERROR_SUCCESS));
     }
     static void WaitForDeliveries()
     {
