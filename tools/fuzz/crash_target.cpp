@@ -22,6 +22,7 @@ namespace {
 constexpr wchar_t kMetric[] = L"eventlog|eventlog_appcrash";
 constexpr wchar_t kPublisher[] = L"Application Error";
 constexpr size_t kMostEvents = 4;
+constexpr DWORD kFlags = EVT_SIM_UNFORMATTABLE | EVT_SIM_NO_TIME | EVT_SIM_NO_EVENT_ID | kErrorDelivery | kDataEvent;
 constexpr ULONGLONG kSampleTime = 133601471212070000ull;  // 2024-05-14 07:58:41.207 UTC
 
 std::wstring Detail(const std::wstring& message, const FuzzEvent& event, const std::wstring& hostName)
@@ -86,7 +87,7 @@ public:
 
     void Run(const Input& input) override
     {
-        const std::vector<FuzzEvent> events = EventsOf(input, kMostEvents);
+        const std::vector<FuzzEvent> events = EventsOf(input, kMostEvents, kFlags);
         const MessageRecorder recorder(L"Application", kPublisher);
         std::vector<SinkWrite> writes;
         {

@@ -11,13 +11,13 @@ std::string Name(const char* part, size_t index)
 
 }  // namespace
 
-std::vector<FuzzEvent> EventsOf(const Input& input, size_t mostEvents)
+std::vector<FuzzEvent> EventsOf(const Input& input, size_t mostEvents, DWORD flags)
 {
     std::vector<FuzzEvent> events(input.Number("events", 1) % (mostEvents + 1));
     for (size_t i = 0; i < events.size(); ++i) {
         events[i].message = input.Text(Name("message", i));
         events[i].time = input.Number(Name("time", i));
-        events[i].flags = static_cast<DWORD>(input.Number(Name("flags", i)) & 0x1F);
+        events[i].flags = static_cast<DWORD>(input.Number(Name("flags", i))) & flags;
         events[i].id = static_cast<USHORT>(input.Number(Name("id", i)));
     }
     return events;

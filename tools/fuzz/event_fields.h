@@ -12,7 +12,8 @@
 
 namespace zeph::fuzz {
 
-std::vector<FuzzEvent> EventsOf(const Input& input, size_t mostEvents);
+// flags: those of the EVT_SIM_* flags, kErrorDelivery and kDataEvent the target writes.
+std::vector<FuzzEvent> EventsOf(const Input& input, size_t mostEvents, DWORD flags);
 
 // An input of these events.
 Input InputOf(const std::vector<FuzzEvent>& events);

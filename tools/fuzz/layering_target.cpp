@@ -17,6 +17,8 @@ namespace {
 constexpr wchar_t kMetric[] = L"eventlog|eventlog_quillon";
 constexpr wchar_t kPublisher[] = L"drovesvc";
 constexpr size_t kMostEvents = 8;
+// The service's messages come as they are: the simulated log has no template of its.
+constexpr DWORD kFlags = EVT_SIM_UNFORMATTABLE | EVT_SIM_NO_TIME | EVT_SIM_NO_EVENT_ID | kErrorDelivery;
 constexpr ULONGLONG kLogOnTime = 133601473314180000ull;  // 2024-05-14 08:02:11.418 UTC
 constexpr ULONGLONG kSecond = 10000000;
 
@@ -63,7 +65,7 @@ public:
 
     void Run(const Input& input) override
     {
-        const std::vector<FuzzEvent> events = EventsOf(input, kMostEvents);
+        const std::vector<FuzzEvent> events = EventsOf(input, kMostEvents, kFlags);
         LayeringModel model;
         for (const FuzzEvent& event : events) {
             model.Deliver(event);  // no layering service here: its log has nothing
