@@ -20,8 +20,8 @@ NEEDED    := /usr/bin/x86_64-w64-mingw32-g++-posix /usr/bin/x86_64-w64-mingw32-w
              /usr/include/wine/wine/windows/oaidl.idl /usr/bin/wine /usr/bin/cmake \
              /usr/src/googletest/CMakeLists.txt /usr/bin/clang++ /usr/bin/ld.lld /usr/bin/wixl /usr/bin/msiinfo
 
-.PHONY: all help deps configure build build-clang demo-build prefix test demo run replay bench package msi coverage \
-        clean format format-deps format-check
+.PHONY: all help deps configure build build-clang demo-build prefix test demo run replay bench fuzz package msi \
+        coverage clean format format-deps format-check
 
 all: build
 
@@ -34,6 +34,7 @@ help:
 	@echo "make package              the release archive and the Windows Installer package"
 	@echo "make msi                  the Windows Installer package alone"
 	@echo "make bench                the benchmarks, each figure beside its floor; exit 1 on a missed goal"
+	@echo "make fuzz SECONDS=N       the fuzzer for N seconds (SEED=N repeats a run); tools/fuzz/README.md"
 	@echo "make coverage             the suite with coverage counters, in build-coverage/"
 	@echo "make build                everything (product, tools, tests, benchmarks) with GCC, in build/"
 	@echo "make build-clang          everything with Clang, in build-clang/, the checked build"
@@ -99,6 +100,18 @@ test: build build-clang prefix
 bench: build prefix
 	@$(WINE_ENV) wineserver -p10 </dev/null >/dev/null 2>&1 || true
 	ZEPH_WINEPREFIX=$(WINEPREFIX_DIR) $(BUILD)/wine-run $(BUILD)/bin/zeph-bench.exe --json $(BUILD)/bench.json
+
+# The fuzzer (tools/fuzz/README.md) on the checked build: SECONDS shared among its
+# targets, inputs drawn from SEED (a new one each run unless given); prints the
+# inputs tried per target and per second, saves each failing input in
+# $(CLANG_BUILD)/fuzz with the command that replays it. `make test` runs a short
+# sweep of it with seed 1 on both builds.
+SECONDS ?= 600
+SEED    ?= $(shell date +%s)
+fuzz: build-clang
+	@$(MAKE) --no-print-directory prefix BUILD=$(CLANG_BUILD)
+	@WINEPREFIX=$(abspath $(CLANG_BUILD))/wineprefix WINEDEBUG=-all WINEARCH=win64 wineserver -p10 </dev/null >/dev/null 2>&1 || true
+	bash tools/fuzz/fuzz.sh $(CLANG_BUILD) --seconds $(SECONDS) --seed $(SEED)
 
 # Line and branch coverage of the whole suite: a build of its own (preset
 # "coverage", into build-coverage/, with gcov counters), every test run under

@@ -1,7 +1,8 @@
 // The five entry points of zeph_eventlog.dll (exported by name through
-// zeph_eventlog.def). Each forwards to the one module object; none lets an
-// exception out.
+// zeph_eventlog.def), and DllMain. Each export forwards to the one module
+// object; none lets an exception out.
 #include "module/event_log_provider_module.h"
+#include "module/runtime_tls_index.h"
 
 #include <windows.h>
 
@@ -12,6 +13,16 @@ zeph::CEventLogProviderModule g_module;
 }  // namespace
 
 extern "C" {
+
+BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved)
+{
+    if (reason == DLL_PROCESS_ATTACH) {
+        zeph::NoteRuntimeTlsIndex();
+    } else if (reason == DLL_PROCESS_DETACH && reserved == nullptr) {
+        zeph::FreeRuntimeTlsIndex();  // freed, not the process ending
+    }
+    return TRUE;
+}
 
 HRESULT STDAPICALLTYPE DllCanUnloadNow()
 {

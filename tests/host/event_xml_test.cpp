@@ -72,6 +72,9 @@ TEST(EventXml, RefusalsNameTheEventAndItsPosition)
         {L"<Events>\n" + good, 1,
          L"after event 1 (line 2, column 240): <Events> is not closed before the end of the file"},
         {good + L"</Events>", 1, L"after event 1 (line 1, column 240): </Events> closes no element"},
+        // Found by the fuzzer: Wine's SAX reader overran its stack quoting this namespace in a warning.
+        {L"<Events xmlns=\"x" + std::wstring(1500, L' ') + L"\">" + good + L"</Events>", 0,
+         L"line 1, column 216: a name or a namespace value longer than the XML reader takes"},
         {many + with(L"Application Error", L""), 3000,
          L"event 3001 (line 3001, column 1): <Event> has no System/Provider/@Name"},
     };

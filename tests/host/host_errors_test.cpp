@@ -78,6 +78,9 @@ TEST_F(HostErrors, EachRefusalHasItsExitCodeAndLine)
     const std::wstring query = folder_.WriteFile(L"s.xml", "<scenario><query/></scenario>");
     const std::wstring unclosed =
         folder_.WriteFile(L"unclosed.xml", "<zeph-host>\n  <metric name=\"a\"></metrics>\n</zeph-host>\n");
+    // Found by the fuzzer: Wine's SAX reader overran its stack quoting this namespace in a warning.
+    const std::wstring longValue =
+        folder_.WriteFile(L"long-value.xml", "<zeph-host xmlns=\"x" + std::string(1500, ' ') + "\"/>");
     // As regsvr32 /i:user /n leaves it: classes of the current user only.
     ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, L"Software\\Classes\\ZephTest.UserOnly\\CLSID", nullptr, REG_SZ,
                                 L"{5A1E7C00-0000-4000-8000-00000000DEAD}", 78),
@@ -99,6 +102,9 @@ TEST_F(HostErrors, EachRefusalHasItsExitCodeAndLine)
          L"the configuration file '" + unclosed +
              L"' is not well-formed XML at line 2, column *: Opening and ending tag mismatch: metric line 2 and "
              L"metrics"},
+        {{L"--config", longValue, L"--once"},
+         kConfigMalformed,
+         L"the configuration file '" + longValue + L"' has no <metric> element"},
         {{L"--config", config_, L"--once", L"--progid", L"ZephTest.UserOnly"},
          kClassNotRegistered,
          L"the class 'ZephTest.UserOnly" + notRegistered +

@@ -31,13 +31,13 @@ public:
     void WriteBackup(const std::wstring& text) { WriteText(L"drovesvc_bak.log", text, false); }
     void RotateLog();  // as the service does when its log is full
     void RemoveLog();
+    void WriteBytes(const wchar_t* name, const void* data, DWORD bytes, bool append);
 
 private:
     void WriteText(const wchar_t* name, const std::wstring& text, bool append)
     {
         WriteBytes(name, text.data(), static_cast<DWORD>(text.size() * sizeof(wchar_t)), append);
     }
-    void WriteBytes(const wchar_t* name, const void* data, DWORD bytes, bool append);
 
     TempFolder folder_{L"zeph layering "};  // a blank, so the executable's path needs its quotes
     RedirectedKey registry_{HKEY_LOCAL_MACHINE};

@@ -144,6 +144,30 @@ TEST_F(ClassObjectTest, ASessionGivesBackEveryHostReferenceAndLetsTheDllGo)
     EXPECT_EQ((config->AddRef(), config->Release()), configReferences);
 }
 
+// A host may load and free the DLL again and again (as COM does with unused
+// libraries): each unload gives back the thread-local storage index its load
+// took, or the process runs out of them after about a thousand loads.
+TEST(DllReloadTest, EachUnloadGivesBackTheThreadLocalIndexItsLoadTook)
+{
+    const auto freeIndices = [] {
+        std::vector<DWORD> taken;
+        for (DWORD index; (index = ::TlsAlloc()) != TLS_OUT_OF_INDEXES;) {
+            taken.push_back(index);
+        }
+        for (DWORD index : taken) {
+            ::TlsFree(index);
+        }
+        return taken.size();
+    };
+    const size_t before = freeIndices();
+    for (int load = 0; load < 3; ++load) {
+        const LoadedServer server;
+        ComPtr<IClassFactory> factory;
+        EXPECT_EQ(server.GetClassObject(CLSID_Provider, IID_PPV_ARGS(&factory)), S_OK);
+    }
+    EXPECT_EQ(freeIndices(), before);
+}
+
 // The references a provider gives back while it is destroyed (its metric's, then its own) all go
 // while the DLL still says S_FALSE, for the plain and the aggregated object; S_OK comes after.
 TEST_F(ClassObjectTest, TheDllStaysLockedUntilTheProviderIsWhollyDestroyed)

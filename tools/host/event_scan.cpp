@@ -512,6 +512,10 @@ std::wstring NotWellFormedAt(TextPosition start, long line, long column, const s
 
 std::optional<std::wstring> ScanEvents(std::wstring_view text, const EventFound& found)
 {
+    if (const auto at = TooLongForSaxMessages(text)) {
+        return Describe(Advance(TextPosition(), text, 0, *at)) +
+               L": a name or a namespace value longer than the XML reader takes";
+    }
     Microsoft::WRL::ComPtr<ISAXXMLReader> reader;
     if (const HRESULT result = NewSaxReader(reader); FAILED(result)) {
         throw HostError(ExitCode::RunFailed,

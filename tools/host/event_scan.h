@@ -35,7 +35,8 @@ using EventFound = std::function<bool(size_t number, size_t start, size_t end)>;
 
 // Nothing when every event was handed over (or EventFound stopped the reading);
 // otherwise the fault that ended it, naming the event or the gap between events and
-// where it is: "event 3 (line 41, column 7): <Event> is not closed before the end of the file".
+// where it is: "event 3 (line 41, column 7): <Event> is not closed before the end of the file";
+// or where a text too long for the reader's messages is (support/sax_reader.h), before any event.
 std::optional<std::wstring> ScanEvents(std::wstring_view text, const EventFound& found);
 
 }  // namespace zeph::host

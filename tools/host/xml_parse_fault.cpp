@@ -1,6 +1,7 @@
 #include "xml_parse_fault.h"
 
 #include "console.h"
+#include "event_xml.h"
 #include "support/xml_document.h"
 
 namespace zeph::host {
@@ -42,6 +43,9 @@ std::wstring XmlFault::Text() const
 
 std::optional<XmlFault> XmlParseFault(const std::string& bytes)
 {
+    if (TooLongForSaxMessages(DecodeText(bytes))) {
+        return std::nullopt;  // the DOM reports the fault, with less detail
+    }
     Microsoft::WRL::ComPtr<ISAXXMLReader> reader;
     if (FAILED(NewSaxReader(reader))) {
         return std::nullopt;

@@ -42,8 +42,8 @@ private:
     std::optional<XmlFault> fault_;
 };
 
-// Nothing when the bytes are well-formed XML (or no SAX reader can be created:
-// the DOM then reports the fault itself).
+// Nothing when the bytes are well-formed XML (or no SAX reader can be created, or
+// the text is too long for Wine's reader's messages: the DOM then reports the fault itself).
 std::optional<XmlFault> XmlParseFault(const std::string& bytes);
 
 }  // namespace zeph::host

@@ -8,6 +8,9 @@
 #include <objidl.h>
 #include <wrl/client.h>
 
+#include <optional>
+#include <string_view>
+
 // MinGW's msxml2.h does not attach IIDs to the SAX interfaces, which __uuidof and
 // IID_PPV_ARGS need.
 #if defined(__MINGW32__)
@@ -20,6 +23,15 @@ namespace zeph {
 
 // Failure: CoCreateInstance's HRESULT.
 [[nodiscard]] HRESULT NewSaxReader(Microsoft::WRL::ComPtr<ISAXXMLReader>& reader);
+
+// Wine's SAX reader formats each message of the parser into 1024 bytes on its
+// stack and overruns them with a longer one, also for a warning about a well-formed
+// text. A message quotes names (at most three) and the values of namespace
+// declarations, xml:* attributes and the XML declaration: names in markup of at
+// most 64 units and such values of at most 200 keep every message short, even at
+// three UTF-8 bytes a unit. The offset of the first name or value longer than
+// that, or nothing when the text may be given to the reader (always, away from Wine).
+std::optional<size_t> TooLongForSaxMessages(std::wstring_view text);
 
 // Runs the reader over the whole stream with the handlers (either may be null) and
 // returns what parse returned; the handlers are taken off the reader again afterwards.
