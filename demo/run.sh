@@ -71,6 +71,16 @@ summarize() {
         }
         function add(list, item) { return list == "" ? item : list ", " item }
         /^Query [0-9]+ at / { query = $2; queries[++count] = query; next }
+        # "  log-on phases, ..." and under it "    <phase>   <how long>[ (note)]"
+        /^  log-on phases/ { inphases = 1; next }
+        inphases && /^    / {
+            line = $0
+            sub(/^ +/, "", line)
+            match(line, /  +/)
+            took[query, ++phase[query]] = substr(line, RSTART + RLENGTH)
+            next
+        }
+        { inphases = 0 }
         /^  appcrash\|crash_details\|\* / {
             crashes[query]++
             application = "?"
@@ -101,6 +111,10 @@ summarize() {
                 print "Query " q ":"
                 print "  crashes:        " (crashes[q] ? crashes[q] " detail(s): " names[q] : "none pending")
                 print "  log-on:         " (stamps[q] != "" ? stamps[q] : "none seen")
+                if (phase[q] == 4) {
+                    print "  its phases:     the manager'\''s response " took[q, 1] " after log-on, volumes ready " \
+                          took[q, 2] " later, all done " took[q, 3] " later (" took[q, 4] " in all)"
+                }
                 print "  manager:        " (manager[q] != "" ? manager[q] : "not known")
                 print "  Tesseras:       " (tesseras[q] ? tesseras[q] ": " layers[q] : "none")
             }

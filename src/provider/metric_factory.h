@@ -2,6 +2,7 @@
 #pragma once
 
 #include "metric/metric.h"
+#include "provider/metric_names.h"
 
 #include <agent.h>
 #include <wrl/client.h>
@@ -10,9 +11,6 @@
 #include <memory>
 
 namespace zeph {
-
-inline constexpr wchar_t kQuillonMetricName[] = L"eventlog|eventlog_quillon";
-inline constexpr wchar_t kAppCrashMetricName[] = L"eventlog|eventlog_appcrash";
 
 // (name as the host spelled it, logger, host context) -> metric, or empty for
 // a name it does not know. The two references are the factory's to release.

@@ -53,13 +53,23 @@ TEST(EventXml, RefusalsNameTheEventAndItsPosition)
     for (int i = 0; i < 3000; ++i) {
         many += good + L"\n";
     }
+    const std::wstring mismatched = Event(L"<EventData><Data>a</Dat></EventData>");
+    std::wstring nested;  // an element 258 levels deep, where the DOM takes 257
+    for (int i = 0; i < 257 * 2; ++i) {
+        nested += i < 257 ? L"<x>" : L"</x>";
+    }
+    const std::wstring deep = Event(nested);
     const struct {
         std::wstring text;
         size_t before;       // events read before the fault
         std::wstring fault;  // a final '*': the parser's column and reason follow
     } cases[] = {
-        {good + L"\n" + Event(L"<EventData><Data>a</Dat></EventData>"), 1,
-         L"event 2: not well-formed XML at line 2, column *"},
+        {good + L"\n" + mismatched, 1,
+         L"event 2: not well-formed XML at line 2, column " + std::to_wstring(mismatched.find(L"</Dat>") + 1) +
+             L": Opening and ending tag mismatch: Data line 2 and Dat"},
+        {deep, 0,
+         L"event 1: nested too deeply at line 1, column " + std::to_wstring(deep.find(nested) + 256 * 3 + 1) +
+             L": an element 258 levels deep, where the XML parser takes 257"},
         {good + L"\n\n  <Event " + kNs + L"><System>", 1,
          L"event 2 (line 3, column 3): <Event> is not closed before the end of the file"},
         {good + L"\n" + with(L">1000<", L">70000<"), 1,

@@ -76,8 +76,16 @@ TEST_F(HostErrors, EachRefusalHasItsExitCodeAndLine)
     const std::wstring copy = folder_.Path() + L"\\zeph_eventlog.dll";
     ASSERT_TRUE(::CopyFileW(dll_.c_str(), copy.c_str(), TRUE));
     const std::wstring query = folder_.WriteFile(L"s.xml", "<scenario><query/></scenario>");
-    const std::wstring unclosed =
-        folder_.WriteFile(L"unclosed.xml", "<zeph-host>\n  <metric name=\"a\"></metrics>\n</zeph-host>\n");
+    // The fault's place is the bad end tag's, not that of the text before it.
+    const std::wstring mismatched = folder_.WriteFile(
+        L"mismatched.xml",
+        "<zeph-host>\n  <metric name=\"a\">\n    <channel>Application</chanel>\n  </metric>\n</zeph-host>\n");
+    // One element deeper than the DOM takes: its 257th <a>, after the root's 11 characters.
+    std::string nested = "<zeph-host>";
+    for (int i = 0; i < 257 * 2; ++i) {
+        nested += i < 257 ? "<a>" : "</a>";
+    }
+    const std::wstring deep = folder_.WriteFile(L"deep.xml", nested + "</zeph-host>");
     // Found by the fuzzer: Wine's SAX reader overran its stack quoting this namespace in a warning.
     const std::wstring longValue =
         folder_.WriteFile(L"long-value.xml", "<zeph-host xmlns=\"x" + std::string(1500, ' ') + "\"/>");
@@ -97,11 +105,16 @@ TEST_F(HostErrors, EachRefusalHasItsExitCodeAndLine)
         {{L"--config", config_, L"--once", L"--interval", L"5"},
          kUsage,
          L"--once and --interval exclude each other (see zeph-host --help)"},
-        {{L"--config", unclosed, L"--once"},
+        {{L"--config", mismatched, L"--once"},
          kConfigMalformed,
-         L"the configuration file '" + unclosed +
-             L"' is not well-formed XML at line 2, column *: Opening and ending tag mismatch: metric line 2 and "
-             L"metrics"},
+         L"the configuration file '" + mismatched +
+             L"' is not well-formed XML at line 3, column 25: Opening and ending tag mismatch: channel line 3 and "
+             L"chanel"},
+        {{L"--config", deep, L"--once"},
+         kConfigMalformed,
+         L"the configuration file '" + deep +
+             L"' is nested too deeply at line 1, column 780: an element 258 levels deep, where the XML parser takes "
+             L"257"},
         {{L"--config", longValue, L"--once"},
          kConfigMalformed,
          L"the configuration file '" + longValue + L"' has no <metric> element"},
@@ -118,6 +131,8 @@ TEST_F(HostErrors, EachRefusalHasItsExitCodeAndLine)
         {{L"--config", noQuery, L"--once", L"--log", L"none", L"--dll", dll_},
          kSubscribeFailed,
          L"cannot subscribe the metric 'eventlog|eventlog_quillon': 0x80070490*"},
+        // Refused before the provider is created: no query, no scenario step.
+        {With({L"--replay", absent}), kScenarioInvalid, L"cannot read the event file '" + absent + L"': *"},
         {With({L"--scenario", badScenario}), kScenarioInvalid,
          L"the scenario '" + badScenario +
              L"', step 1 <event>: attribute id must be a whole number from 0 to 65535, not '70000'"},
@@ -128,7 +143,8 @@ TEST_F(HostErrors, EachRefusalHasItsExitCodeAndLine)
 }
 
 // A metric that will report nothing is still handed to the provider as written, and
-// named on standard error, one line each.
+// named on standard error, one line each, with what to do. Against Wine's stub event
+// log, which answers every check with success, one note says the checks were skipped.
 TEST_F(HostErrors, MetricsThatWillReportNothingAreNamed)
 {
     const std::wstring config = folder_.WriteFile(L"unusable.xml", R"(<zeph-host>
@@ -141,17 +157,37 @@ TEST_F(HostErrors, MetricsThatWillReportNothingAreNamed)
     const HostRun run = RunZephHost({L"--config", config, L"--once", L"--log", L"none", L"--dll", dll_});
     EXPECT_EQ(run.exitCode, 0u);
     const std::wstring warning = L"zeph-host: warning: metric 'eventlog|eventlog_";
-    const std::wstring nothing = L": the metric will report nothing";
-    const auto lines = run.ErrLines();
-    ASSERT_EQ(lines.size(), 3u) << testing::PrintToString(run.err);
-    EXPECT_EQ(lines[0], warning + L"appcrash': channel 'Nowhere' does not exist on this machine" + nothing);
-    EXPECT_TRUE(lines[1].starts_with(warning + L"quillon': the event log rejects the query '*[System[': 0x00003a99") &&
-                lines[1].ends_with(nothing))
-        << testing::PrintToString(lines[1]);
-    EXPECT_EQ(lines[2], warning + L"typo': the provider has no metric of this name and took nothing" + nothing);
+    const std::wstring nothing = L": the metric will report nothing; ";
+    EXPECT_EQ(run.ErrLines(),
+              (std::vector<std::wstring>{
+                  warning + L"appcrash': channel 'Nowhere' does not exist on this machine" + nothing +
+                      L"fix its <channel> (wevtutil el lists this machine's channels)",
+                  warning +
+                      L"quillon': the event log rejects the query '*[System[': 0x00003a99 (The specified query "
+                      L"is not valid.)" +
+                      nothing +
+                      L"fix its <query>, an XPath filter of events such as "
+                      L"*[System[Provider[@Name='Application Error']]] (* takes them all)",
+                  warning + L"typo': the provider has no metric of this name and took nothing" + nothing +
+                      L"the names it knows are 'eventlog|eventlog_appcrash' and 'eventlog|eventlog_quillon'",
+              }));
     for (const wchar_t* metric : {L"appcrash: 0 values", L"quillon: 0 values", L"typo: 0 values"}) {
         EXPECT_NE(run.out.find(std::wstring(L"eventlog|eventlog_") + metric), std::wstring::npos) << run.out.size();
     }
+
+    // Away from the simulator's wevtapi.dll the provider gets Wine's own.
+    const std::wstring copy = folder_.Path() + L"\\zeph_eventlog.dll";
+    ASSERT_TRUE(::CopyFileW(dll_.c_str(), copy.c_str(), TRUE));
+    const HostRun stub = RunZephHost({L"--config", config_, L"--once", L"--log", L"none", L"--dll", copy});
+    EXPECT_EQ(stub.exitCode, 0u);
+    const auto lines = stub.ErrLines();
+    ASSERT_EQ(lines.size(), 1u) << testing::PrintToString(stub.err);
+    EXPECT_TRUE(lines[0].starts_with(L"zeph-host: note: the event log in use (") &&
+                lines[0].ends_with(L"wevtapi.dll) is Wine's own, a stub that delivers no events: the metrics will "
+                                   L"report no events, and their channels and queries go unchecked; run with the "
+                                   L"simulated event log (the wevtapi.dll of the build's bin folder) beside the "
+                                   L"provider DLL, as build/zeph-host does"))
+        << testing::PrintToString(lines[0]);
 }
 
 TEST_F(HostErrors, FailedStepEndsTheRunAndUnsubscribes)
@@ -168,6 +204,25 @@ TEST_F(HostErrors, FailedStepEndsTheRunAndUnsubscribes)
         << testing::PrintToString(lines.back());
     EXPECT_NE(run.err.find(L"] eventlog: Unsubscribed all metrics.\n"), std::wstring::npos)
         << testing::PrintToString(run.err);
+}
+
+// tools/host/README.md shows --help's output rather than a copy of its tables: the block
+// after "`zeph-host --help` prints:" is the program's text, to the character.
+TEST(HostHelp, ManualShowsTheHelpText)
+{
+    const HostRun run = RunZephHost({L"--help"});
+    EXPECT_EQ(run.exitCode, 0u);
+    const auto manual = SplitLines(ReadUtf8File(FromUtf8(ZEPH_HOST_MANUAL)));
+    const auto intro = std::find(manual.begin(), manual.end(), L"`zeph-host --help` prints:");
+    ASSERT_TRUE(intro != manual.end() && intro + 1 != manual.end());
+    std::vector<std::wstring> shown;
+    for (auto line = intro + 2; line != manual.end() && (line->empty() || line->starts_with(L"    ")); ++line) {
+        shown.push_back(line->empty() ? *line : line->substr(4));
+    }
+    while (!shown.empty() && shown.back().empty()) {
+        shown.pop_back();
+    }
+    EXPECT_EQ(shown, run.OutLines());
 }
 
 }  // namespace

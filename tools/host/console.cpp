@@ -70,6 +70,22 @@ void WriteErr(std::wstring_view text)
     Write(stderr, text);
 }
 
+namespace {
+
+// The texts of the event log's own codes that zeph-host's checks meet, for a system
+// that has none of them (Wine).
+struct KnownText {
+    DWORD code;
+    const wchar_t* text;
+};
+constexpr KnownText kEventLogTexts[] = {
+    {ERROR_EVT_INVALID_CHANNEL_PATH, L"The specified channel path is not valid."},
+    {ERROR_EVT_INVALID_QUERY, L"The specified query is not valid."},
+    {ERROR_EVT_CHANNEL_NOT_FOUND, L"The specified channel cannot be found. Check the channel configuration."},
+};
+
+}  // namespace
+
 std::wstring SystemMessage(DWORD code)
 {
     unique_local_text buffer;
@@ -79,6 +95,13 @@ std::wstring SystemMessage(DWORD code)
     std::wstring text(buffer.get() != nullptr ? buffer.get() : L"", length);
     while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' ')) {
         text.pop_back();
+    }
+    if (text.empty()) {
+        for (const KnownText& known : kEventLogTexts) {
+            if (known.code == code) {
+                return known.text;
+            }
+        }
     }
     return text;
 }

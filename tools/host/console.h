@@ -20,8 +20,9 @@ void WriteErr(std::wstring_view text);
 // further lines of a multi-line text are indented under the first.
 void PrintLogLine(LogLevel level, std::wstring_view category, std::wstring_view text);
 
-// The system's message text for an HRESULT or Win32 code, without its line end;
-// empty when there is none.
+// The system's message text for an HRESULT or Win32 code, without its line end (for
+// the event log's codes, our copy of Windows' text where the system has none, as
+// under Wine); empty when there is none.
 std::wstring SystemMessage(DWORD code);
 
 // "0x80070005 (Access is denied.)", or the bare number when the system has no text.

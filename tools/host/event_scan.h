@@ -7,27 +7,14 @@
 // std::bad_alloc. Threads: the caller's, with COM initialised.
 #pragma once
 
+#include "xml_parse_fault.h"
+
 #include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace zeph::host {
-
-// A place in a text, 1-based, lines counted by line feeds as the parser does.
-struct TextPosition {
-    size_t line = 1;
-    size_t column = 1;
-};
-
-// Moves a position from one offset of the text to a later one.
-TextPosition Advance(TextPosition position, std::wstring_view text, size_t from, size_t to);
-
-std::wstring Describe(const TextPosition& position);  // "line 3, column 7"
-
-// "not well-formed XML at line 3, column 7: reason" for a parser's fault at line and
-// column of a text that begins at start (a line of 0 leaves start as it is).
-std::wstring NotWellFormedAt(TextPosition start, long line, long column, const std::wstring& reason);
 
 // Called with each <Event> in turn: its number (from 1) and its offsets in the text,
 // from its '<' to the end of its end tag. Returns false to stop the reading.

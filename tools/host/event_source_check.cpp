@@ -2,15 +2,23 @@
 
 #include "console.h"
 #include "event_log_dll.h"
+#include "provider/metric_names.h"
+#include "win/module_path.h"
 #include "win/unique_resource.h"
 
-#include <optional>
+#include <iterator>
 
 namespace zeph::host {
 
 namespace {
 
 constexpr wchar_t kReportsNothing[] = L": the metric will report nothing";
+constexpr wchar_t kFixChannel[] = L"; fix its <channel> (wevtutil el lists this machine's channels)";
+constexpr wchar_t kFixQuery[] =
+    L"; fix its <query>, an XPath filter of events such as *[System[Provider[@Name='Application Error']]] (* takes "
+    L"them all)";
+// A channel no event log has (the name is not even valid), to tell one that answers.
+constexpr wchar_t kNoSuchChannel[] = L"zeph-host: no such channel";
 // EvtNext's wait for the one event the query check asks for.
 constexpr DWORD kQueryWaitMs = 5000;
 
@@ -35,6 +43,25 @@ bool Unanswered(DWORD error)
     return error == ERROR_CALL_NOT_IMPLEMENTED || error == ERROR_NOT_SUPPORTED;
 }
 
+// "'eventlog|eventlog_appcrash' and 'eventlog|eventlog_quillon'"
+std::wstring KnownNames()
+{
+    std::wstring names;
+    for (size_t i = 0; i < std::size(kMetricNames); ++i) {
+        names += (i == 0                             ? L"'"
+                  : i + 1 == std::size(kMetricNames) ? L" and '"
+                                                     : L", '") +
+                 std::wstring(kMetricNames[i]) + L"'";
+    }
+    return names;
+}
+
+bool RunningUnderWine()
+{
+    const HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
+    return ntdll != nullptr && ::GetProcAddress(ntdll, "wine_get_version") != nullptr;
+}
+
 }  // namespace
 
 EventSourceCheck::EventSourceCheck() : module_(LoadEventLogDll())
@@ -46,6 +73,14 @@ EventSourceCheck::EventSourceCheck() : module_(LoadEventLogDll())
     query_ = LookupExport<decltype(query_)>(module_, "EvtQuery");
     next_ = LookupExport<decltype(next_)>(module_, "EvtNext");
     close_ = LookupExport<decltype(close_)>(module_, "EvtClose");
+    if (openChannelConfig_ == nullptr || query_ == nullptr || next_ == nullptr || close_ == nullptr) {
+        return;
+    }
+    // Wine's stub opens any channel; an event log that answers refuses this one.
+    const EVT_HANDLE config = openChannelConfig_(nullptr, kNoSuchChannel, 0);
+    const DWORD error = ::GetLastError();
+    Close(config);
+    answers_ = config == nullptr && !Unanswered(error);
 }
 
 void EventSourceCheck::Close(EVT_HANDLE handle) const
@@ -55,13 +90,15 @@ void EventSourceCheck::Close(EVT_HANDLE handle) const
     }
 }
 
-std::vector<std::wstring> EventSourceCheck::Check(const MetricConfig& metric, bool taken) const
+std::vector<std::wstring> EventSourceCheck::Check(const MetricConfig& metric, bool taken)
 {
     const std::wstring subject = L"metric '" + metric.name + L"': ";
     if (!taken) {
-        return {subject + L"the provider has no metric of this name and took nothing" + kReportsNothing};
+        return {subject + L"the provider has no metric of this name and took nothing" + kReportsNothing +
+                L"; the names it knows are " + KnownNames()};
     }
-    if (openChannelConfig_ == nullptr || query_ == nullptr || next_ == nullptr || close_ == nullptr) {
+    if (!answers_) {
+        unanswered_ = true;
         return {};
     }
     // A missing child is the provider's to refuse.
@@ -80,7 +117,21 @@ std::vector<std::wstring> EventSourceCheck::Check(const MetricConfig& metric, bo
     return warnings;
 }
 
-std::vector<std::wstring> EventSourceCheck::CheckChannel(const std::wstring& channel) const
+std::optional<std::wstring> EventSourceCheck::UnansweredNote() const
+{
+    if (!unanswered_) {
+        return std::nullopt;
+    }
+    const std::wstring path = module_ ? ModuleFilePath(module_.get()) : std::wstring(L"wevtapi.dll");
+    const wchar_t* what = RunningUnderWine() ? L" is Wine's own, a stub that delivers no events"
+                                             : L" does not answer as an event log does";
+    return L"the event log in use (" + path + L")" + what +
+           L": the metrics will report no events, and their channels and queries go unchecked; run with the "
+           L"simulated event log (the wevtapi.dll of the build's bin folder) beside the provider DLL, as "
+           L"build/zeph-host does";
+}
+
+std::vector<std::wstring> EventSourceCheck::CheckChannel(const std::wstring& channel)
 {
     const EVT_HANDLE config = openChannelConfig_(nullptr, channel.c_str(), 0);
     const DWORD error = ::GetLastError();
@@ -89,16 +140,17 @@ std::vector<std::wstring> EventSourceCheck::CheckChannel(const std::wstring& cha
         return {};
     }
     if (error == ERROR_EVT_CHANNEL_NOT_FOUND) {
-        return {L"channel '" + channel + L"' does not exist on this machine" + kReportsNothing};
+        return {L"channel '" + channel + L"' does not exist on this machine" + kReportsNothing + kFixChannel};
     }
     if (Unanswered(error)) {
+        unanswered_ = true;
         return {};
     }
     return {L"channel '" + channel + L"' cannot be opened: " + DescribeError(error) +
             L": the metric may report nothing"};
 }
 
-std::vector<std::wstring> EventSourceCheck::CheckQuery(const std::wstring& channel, const std::wstring& query) const
+std::vector<std::wstring> EventSourceCheck::CheckQuery(const std::wstring& channel, const std::wstring& query)
 {
     const EVT_HANDLE results =
         query_(nullptr, channel.c_str(), query.c_str(), EvtQueryChannelPath | EvtQueryReverseDirection);
@@ -116,11 +168,18 @@ std::vector<std::wstring> EventSourceCheck::CheckQuery(const std::wstring& chann
         }
         Close(results);
     }
-    if (error == ERROR_SUCCESS || error == ERROR_NO_MORE_ITEMS || error == ERROR_TIMEOUT || Unanswered(error)) {
+    if (Unanswered(error)) {
+        unanswered_ = true;
         return {};
     }
-    const std::wstring what = error == ERROR_EVT_INVALID_QUERY ? L"the event log rejects the query '" : L"the query '";
-    return {what + query + L"': " + DescribeError(error) + kReportsNothing};
+    if (error == ERROR_SUCCESS || error == ERROR_NO_MORE_ITEMS || error == ERROR_TIMEOUT) {
+        return {};
+    }
+    if (error == ERROR_EVT_INVALID_QUERY) {
+        return {L"the event log rejects the query '" + query + L"': " + DescribeError(error) + kReportsNothing +
+                kFixQuery};
+    }
+    return {L"the query '" + query + L"': " + DescribeError(error) + kReportsNothing};
 }
 
 }  // namespace zeph::host

@@ -46,22 +46,18 @@ std::optional<USHORT> EventId(const std::wstring& text)
     return value <= 65535 ? std::optional<USHORT>(static_cast<USHORT>(value)) : std::nullopt;
 }
 
-// The parse-error object's line, column and reason; where it has none (Wine's),
-// those of the SAX reader on the same text.
-std::wstring DomFaultText(IXMLDOMDocument* document, const TextPosition& start, const std::string& source)
+// The parse-error object's line, column and reason; where it has none (Wine's), the
+// fault as the SAX reader finds it in the same text.
+std::wstring DomFaultText(IXMLDOMDocument* document, const TextPosition& start, std::wstring_view source)
 {
     const DomParseError error = ParseErrorOf(document);
-    long line = error.line;
-    long column = error.column;
-    std::wstring text = Trimmed(error.reason);
-    if (line <= 0) {
-        if (const auto fault = XmlParseFault(source)) {
-            line = fault->line;
-            column = fault->column;
-            text = fault->reason;
+    XmlFault fault{error.line, error.column, Trimmed(error.reason)};
+    if (fault.line <= 0) {
+        if (auto found = XmlParseFault(source)) {
+            fault = std::move(*found);
         }
     }
-    return NotWellFormedAt(start, line, column, text);
+    return PlacedFrom(start, fault).Text();
 }
 
 }  // namespace
@@ -171,8 +167,8 @@ EventFile ParseEventText(std::wstring_view text)
         position = Advance(position, text, positionAt, start);
         positionAt = start;
         // Loaded as UTF-8 bytes from a stream (see MemoryStream).
-        const std::string source = ToUtf8(text.substr(start, end - start));
-        if (LoadXml(document.Get(), MemoryStream(source).Get()) != S_OK) {
+        const std::wstring_view source = text.substr(start, end - start);
+        if (LoadXml(document.Get(), MemoryStream(ToUtf8(source)).Get()) != S_OK) {
             file.fault = L"event " + std::to_wstring(number) + L": " + DomFaultText(document.Get(), position, source);
             return false;
         }
@@ -188,43 +184,6 @@ EventFile ParseEventText(std::wstring_view text)
         file.fault = fault;
     }
     return file;
-}
-
-std::wstring DecodeText(const std::string& bytes)
-{
-    auto utf16 = [&](size_t skip, bool bigEndian) {
-        std::wstring text;
-        text.reserve((bytes.size() - skip) / 2);
-        for (size_t i = skip; i + 1 < bytes.size(); i += 2) {
-            const auto first = static_cast<unsigned char>(bytes[i]);
-            const auto second = static_cast<unsigned char>(bytes[i + 1]);
-            text += static_cast<wchar_t>(bigEndian ? (first << 8) | second : (second << 8) | first);
-        }
-        return text;
-    };
-    if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF &&
-        static_cast<unsigned char>(bytes[1]) == 0xFE) {
-        return utf16(2, false);
-    }
-    if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFE &&
-        static_cast<unsigned char>(bytes[1]) == 0xFF) {
-        return utf16(2, true);
-    }
-    if (bytes.size() >= 2 && bytes[0] != 0 && bytes[1] == 0) {
-        return utf16(0, false);  // PowerShell and friends, without a mark
-    }
-    const size_t skip = bytes.size() >= 3 && bytes.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0;
-    const char* data = bytes.data() + skip;
-    const int size = static_cast<int>(bytes.size() - skip);
-    UINT codePage = CP_UTF8;
-    int length = ::MultiByteToWideChar(codePage, MB_ERR_INVALID_CHARS, data, size, nullptr, 0);
-    if (length == 0 && size > 0) {
-        codePage = CP_ACP;
-        length = ::MultiByteToWideChar(codePage, 0, data, size, nullptr, 0);
-    }
-    std::wstring text(static_cast<size_t>(length), L'\0');
-    ::MultiByteToWideChar(codePage, 0, data, size, text.data(), length);
-    return text;
 }
 
 EventFile LoadEventFile(const std::wstring& path)

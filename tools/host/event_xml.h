@@ -58,10 +58,6 @@ struct EventFile {
 };
 EventFile ParseEventText(std::wstring_view text);
 
-// The file's text: UTF-8 or UTF-16 by its byte-order mark, UTF-16LE recognised without one,
-// UTF-8 otherwise (the ANSI code page when it is not valid UTF-8).
-std::wstring DecodeText(const std::string& bytes);
-
 // Reads and parses a file; throws HostError(ScenarioInvalid) when it cannot be read.
 EventFile LoadEventFile(const std::wstring& path);
 

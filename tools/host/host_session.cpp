@@ -153,6 +153,7 @@ bool Stopped(HANDLE stopEvent, DWORD waitMs)
 ExitCode RunHost(const Options& options, HANDLE stopEvent)
 {
     const ComApartment apartment;
+    // Every file given is read and checked before the provider exists, so a refusal comes first.
     const Configuration configuration = LoadConfiguration(options.config);
     std::optional<Scenario> scenario;
     if (!options.scenario.empty()) {
@@ -162,7 +163,10 @@ ExitCode RunHost(const Options& options, HANDLE stopEvent)
         if (!scenario) {
             scenario.emplace();
         }
-        scenario->steps.emplace_back(ReplayStep{options.replay});
+        scenario->steps.emplace_back(ReplayStep{options.replay, {}});
+    }
+    if (scenario) {
+        ReadEventFiles(*scenario);
     }
 
     // Declared in this order so they go in reverse: subscriptions, provider, then our objects.
@@ -199,7 +203,7 @@ ExitCode RunHost(const Options& options, HANDLE stopEvent)
         Subscriptions subscriptions(provider->Get());
         {
             // After the scenario's channels exist, as the metrics will find them.
-            const EventSourceCheck check;
+            EventSourceCheck check;
             std::vector<std::wstring> checked;
             logger->SetLevels(printed | LevelBit(LogLevel::Info));
             logger->Keep(true);
@@ -213,6 +217,9 @@ ExitCode RunHost(const Options& options, HANDLE stopEvent)
                 for (const std::wstring& warning : check.Check(metric, CreatedMetric(*logger.Get(), metric.name))) {
                     WriteErr(L"zeph-host: warning: " + warning + L"\n");
                 }
+            }
+            if (const auto note = check.UnansweredNote()) {
+                WriteErr(L"zeph-host: note: " + *note + L"\n");
             }
             logger->Keep(false);
             logger->Clear();

@@ -56,11 +56,11 @@ int wmain(int argc, wchar_t** argv)
             return 0;
         }
         if (!options.registerTypeLib.empty()) {
-            zeph::host::RegisterTypeLibraryFile(options.registerTypeLib);
+            zeph::host::WriteOut(zeph::host::RegisterTypeLibraryFile(options.registerTypeLib) + L"\n");
             return 0;
         }
         if (!options.unregisterTypeLib.empty()) {
-            zeph::host::UnregisterTypeLibraryFile(options.unregisterTypeLib);
+            zeph::host::WriteOut(zeph::host::UnregisterTypeLibraryFile(options.unregisterTypeLib) + L"\n");
             return 0;
         }
 

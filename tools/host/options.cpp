@@ -3,6 +3,7 @@
 #include "exit_codes.h"
 #include "support/text.h"
 
+#include <algorithm>
 #include <cwchar>
 #include <optional>
 
@@ -28,7 +29,8 @@ unsigned ParseSeconds(const std::wstring& option, const std::wstring& text)
         value = value * 10 + static_cast<unsigned>(c - L'0');
     }
     if (text.empty() || value == 0 || value > kMaxIntervalSeconds) {
-        UsageError(option + L" takes a number of seconds from 1 to 86400, not '" + text + L"'");
+        UsageError(option + L" takes a number of seconds from 1 to " + std::to_wstring(kMaxIntervalSeconds) +
+                   L", not '" + text + L"'");
     }
     return value;
 }
@@ -66,6 +68,82 @@ ULONG ParseLogLevels(const std::wstring& text)
     return levels;
 }
 
+const std::vector<OptionSpec>& OptionTable()
+{
+    static const std::vector<OptionSpec> table = {
+        {OptionId::Config, L"-c, --config", L"FILE",
+         L"XML configuration: every <metric name=\"...\"> child of the root element is subscribed with that element "
+         L"as it stands (its <channel> and <query>)."},
+        {OptionId::Dll, L"--dll", L"PATH",
+         L"load the provider from this DLL (no registration needed); default: create it by ProgID."},
+        {OptionId::ProgId, L"--progid", L"PROGID",
+         L"ProgID to create (default " + std::wstring(kDefaultProgId) + L")."},
+        {OptionId::Once, L"--once", L"", L"query once, then stop (after the scenario, if one is given)."},
+        {OptionId::Interval, L"--interval", L"SECONDS",
+         L"query every SECONDS (1 to " + std::to_wstring(kMaxIntervalSeconds) + L", default " +
+             std::to_wstring(kDefaultIntervalSeconds) + L") until Ctrl+C."},
+        {OptionId::Json, L"--json", L"", L"print values as JSON lines instead of a table."},
+        {OptionId::Log, L"--log", L"LEVELS",
+         L"provider log levels to print on standard error: a comma-separated list of error, warning, info; or all, "
+         L"none (default error,warning)."},
+        {OptionId::Scenario, L"--scenario", L"FILE",
+         L"replay a scenario against the simulated event log before querying (the simulator is built with the "
+         L"sources; the release archive has none)."},
+        {OptionId::Replay, L"--replay", L"FILE",
+         L"replay Windows events exported as XML (Event Viewer, wevtutil qe /f:xml, evtxexport -f xml) against the "
+         L"simulated event log, after the scenario."},
+        {OptionId::RegisterTlb, L"--register-tlb", L"FILE",
+         L"register a type library file (the agent's Agent.tlb) and exit."},
+        {OptionId::UnregisterTlb, L"--unregister-tlb", L"FILE", L"unregister it and exit."},
+        {OptionId::Version, L"--version", L"",
+         L"print zeph-host's version and, when it can be loaded, the provider DLL's (from --dll, or the registered "
+         L"ProgID) with its path."},
+        {OptionId::Help, L"-h, -?, /?, --help", L"", L"this text."},
+    };
+    return table;
+}
+
+namespace {
+
+const OptionSpec* FindOption(const std::wstring& name)
+{
+    for (const OptionSpec& spec : OptionTable()) {
+        for (size_t start = 0; start < spec.spellings.size();) {
+            const size_t end = std::min(spec.spellings.find(L", ", start), spec.spellings.size());
+            if (spec.spellings.compare(start, end - start, name) == 0) {
+                return &spec;
+            }
+            start = end + 2;
+        }
+    }
+    return nullptr;
+}
+
+// The words of text, joined into lines of at most `width` characters after `indent`.
+std::wstring Wrapped(const std::wstring& text, size_t indent, size_t width)
+{
+    std::wstring result;
+    size_t line = 0;
+    for (size_t start = 0; start < text.size();) {
+        const size_t end = std::min(text.find(L' ', start), text.size());
+        const size_t length = end - start;
+        if (line > 0 && line + 1 + length > width) {
+            result += L"\n" + std::wstring(indent, L' ');
+            line = 0;
+        }
+        if (line > 0) {
+            result += L' ';
+            ++line;
+        }
+        result.append(text, start, length);
+        line += length;
+        start = end + 1;
+    }
+    return result;
+}
+
+}  // namespace
+
 Options ParseOptions(const std::vector<std::wstring>& arguments)
 {
     Options options;
@@ -82,58 +160,67 @@ Options ParseOptions(const std::vector<std::wstring>& arguments)
                 name.resize(equals);
             }
         }
-        auto value = [&]() -> std::wstring {
-            if (inlineValue) {
-                return *inlineValue;
-            }
-            if (i + 1 >= arguments.size()) {
-                UsageError(L"option " + name + L" needs a value");
-            }
-            return arguments[++i];
-        };
-        auto flag = [&]() {
+        const OptionSpec* spec = FindOption(name);
+        if (spec == nullptr) {
+            UsageError(name.starts_with(L"-") ? L"unknown option '" + arguments[i] + L"'"
+                                              : L"unexpected argument '" + name + L"'");
+        }
+        std::wstring value;
+        if (spec->value.empty()) {
             if (inlineValue) {
                 UsageError(L"option " + name + L" takes no value");
             }
-        };
-
-        if (name == L"--help" || name == L"-h" || name == L"-?" || name == L"/?") {
-            flag();
-            options.help = true;
-        } else if (name == L"--version") {
-            flag();
-            options.version = true;
-        } else if (name == L"--config" || name == L"-c") {
-            options.config = value();
-        } else if (name == L"--dll") {
-            options.dll = value();
-            dllGiven = true;
-        } else if (name == L"--progid") {
-            options.progId = value();
-            progIdGiven = true;
-        } else if (name == L"--log") {
-            options.logLevels = ParseLogLevels(value());
-        } else if (name == L"--interval") {
-            options.intervalSeconds = ParseSeconds(name, value());
-            intervalGiven = true;
-        } else if (name == L"--once") {
-            flag();
-            options.once = true;
-        } else if (name == L"--json") {
-            flag();
-            options.json = true;
-        } else if (name == L"--scenario") {
-            options.scenario = value();
-        } else if (name == L"--replay") {
-            options.replay = value();
-        } else if (name == L"--register-tlb") {
-            options.registerTypeLib = value();
-        } else if (name == L"--unregister-tlb") {
-            options.unregisterTypeLib = value();
-        } else if (name.starts_with(L"-")) {
-            UsageError(L"unknown option '" + arguments[i] + L"'");
+        } else if (inlineValue) {
+            value = *inlineValue;
+        } else if (i + 1 < arguments.size()) {
+            value = arguments[++i];
         } else {
-            UsageError(L"unexpected argument '" + name + L"'");
+            UsageError(L"option " + name + L" needs a value");
+        }
+
+        switch (spec->id) {
+        case OptionId::Help:
+            options.help = true;
+            break;
+        case OptionId::Version:
+            options.version = true;
+            break;
+        case OptionId::Config:
+            options.config = value;
+            break;
+        case OptionId::Dll:
+            options.dll = value;
+            dllGiven = true;
+            break;
+        case OptionId::ProgId:
+            options.progId = value;
+            progIdGiven = true;
+            break;
+        case OptionId::Log:
+            options.logLevels = ParseLogLevels(value);
+            break;
+        case OptionId::Interval:
+            options.intervalSeconds = ParseSeconds(name, value);
+            intervalGiven = true;
+            break;
+        case OptionId::Once:
+            options.once = true;
+            break;
+        case OptionId::Json:
+            options.json = true;
+            break;
+        case OptionId::Scenario:
+            options.scenario = value;
+            break;
+        case OptionId::Replay:
+            options.replay = value;
+            break;
+        case OptionId::RegisterTlb:
+            options.registerTypeLib = value;
+            break;
+        case OptionId::UnregisterTlb:
+            options.unregisterTypeLib = value;
+            break;
         }
     }
 
@@ -166,9 +253,12 @@ Options ParseOptions(const std::vector<std::wstring>& arguments)
     return options;
 }
 
-const wchar_t* HelpText()
+std::wstring HelpText()
 {
-    return LR"(zeph-host: runs an event-log metrics provider the way the monitoring agent does.
+    constexpr size_t kWidth = 100;
+    constexpr size_t kOptionColumn = 25;  // where the meanings begin
+    std::wstring text =
+        LR"(zeph-host: runs an event-log metrics provider the way the monitoring agent does.
 
 Usage:
   zeph-host --config FILE [--dll PATH | --progid PROGID] [--once | --interval SECONDS]
@@ -178,47 +268,36 @@ Usage:
   zeph-host --help
 
 Options:
-  -c, --config FILE      XML configuration: every <metric name="..."> child of the root element
-                         is subscribed with that element as it stands (its <channel> and <query>).
-  --dll PATH             load the provider from this DLL (no registration needed);
-                         default: create it by ProgID.
-  --progid PROGID        ProgID to create (default ZephAgent.EventLogProvider).
-  --once                 query once, then stop (after the scenario, if one is given).
-  --interval SECONDS     query every SECONDS (1 to 86400, default 10) until Ctrl+C.
-  --json                 print values as JSON lines instead of a table.
-  --log LEVELS           provider log levels to print on standard error: a comma-separated list
-                         of error, warning, info; or all, none (default error,warning).
-  --scenario FILE        replay a scenario against the simulated event log before querying
-                         (needs the simulator's wevtapi.dll; see README.md).
-  --replay FILE          replay Windows events exported as XML (Event Viewer, wevtutil qe /f:xml,
-                         evtxexport -f xml) against the simulated event log, after the scenario.
-  --register-tlb FILE    register a type library file (the agent's Agent.tlb) and exit.
-  --unregister-tlb FILE  unregister it and exit.
-  --version              print zeph-host's version and, when it can be loaded, the provider DLL's.
-  -h, --help             this text.
-
+)";
+    for (const OptionSpec& spec : OptionTable()) {
+        std::wstring names = L"  " + spec.spellings + (spec.value.empty() ? L"" : L" " + spec.value);
+        names.resize(std::max(names.size() + 2, kOptionColumn), L' ');
+        text += names + Wrapped(spec.meaning, kOptionColumn, kWidth - kOptionColumn) + L"\n";
+    }
+    text +=
+        LR"(
 Output:
-  Values go to standard output: per query a header, then per metric its values (key, instance,
-  value); VT_UI8 time stamps (ms since 1970) are also shown as UTC date and time. With --json,
-  one object per value: {"query","metric","key","instance","type","value"[,"utc"]}, and one per
-  metric query: {"query","metric","result","values","time"}.
+  Values go to standard output: per query a header, then per metric its values under the headings
+  key, instance, value; VT_UI8 time stamps (ms since 1970) are also shown as UTC date and time, and
+  a log-on's time stamps are followed by how long each of its phases took. With --json, one object
+  per value: {"query","metric","key","instance","type","value"[,"utc"]}, and one per metric query:
+  {"query","metric","result","values","time"[,"phases"]}.
   Log lines go to standard error: "hh:mm:ss.mmm [level] category: text".
   Ctrl+C, Ctrl+Break or closing the console stops the host: it unsubscribes every metric and
   releases the provider. Under Wine only Ctrl+C (SIGINT) does; SIGTERM, SIGHUP and SIGKILL end
   it at once.
 
 Exit codes:
-  0  finished, or stopped with Ctrl+C
-  1  run failed: COM or MSXML unavailable, a query failed, a type library not (un)registered
-  2  unknown option, missing or bad option value, options that exclude each other
-  3  configuration file missing or unreadable
-  4  configuration malformed: not well-formed XML, no <metric> element, a metric without a name
-  5  provider DLL cannot be loaded, or is no COM server
-  6  provider class not registered, or not offered by the DLL
-  7  a metric subscription failed
-  8  scenario or event file missing, unreadable or malformed
-  9  scenario replay impossible (not the simulated event log) or a scenario step failed
 )";
+    for (const ExitCodeMeaning& exit : kExitCodeMeanings) {
+        text +=
+            L"  " + std::to_wstring(static_cast<int>(exit.code)) + L"  " + Wrapped(exit.meaning, 5, kWidth - 5) + L"\n";
+    }
+    text +=
+        LR"(
+README.txt beside zeph-host.exe says how to register the provider and run it on Windows.
+)";
+    return text;
 }
 
 }  // namespace zeph::host

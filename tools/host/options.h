@@ -1,5 +1,6 @@
-// The command line of zeph-host. ParseOptions throws HostError(ExitCode::Usage)
-// with a one-line message for anything it does not understand.
+// The command line of zeph-host: one table of its options, which both the parser
+// and --help read. ParseOptions throws HostError(ExitCode::Usage) with a one-line
+// message for anything it does not understand.
 #pragma once
 
 #include "metric/log_level.h"
@@ -30,11 +31,38 @@ struct Options {
     std::wstring unregisterTypeLib;  // --unregister-tlb
 };
 
+enum class OptionId {
+    Config,
+    Dll,
+    ProgId,
+    Once,
+    Interval,
+    Json,
+    Log,
+    Scenario,
+    Replay,
+    RegisterTlb,
+    UnregisterTlb,
+    Version,
+    Help
+};
+
+struct OptionSpec {
+    OptionId id;
+    std::wstring spellings;  // "-c, --config": every spelling the parser takes, as --help shows them
+    std::wstring value;      // "FILE"; empty for a switch
+    std::wstring meaning;    // one paragraph; --help wraps it
+};
+
+// In the order --help lists them.
+const std::vector<OptionSpec>& OptionTable();
+
 Options ParseOptions(const std::vector<std::wstring>& arguments);
 
 // "error,warning" and the like; "all" and "none" too. Throws HostError(Usage).
 ULONG ParseLogLevels(const std::wstring& text);
 
-const wchar_t* HelpText();
+// The usage text: synopsis, the option table, the output, the exit-code table.
+std::wstring HelpText();
 
 }  // namespace zeph::host

@@ -278,6 +278,15 @@ std::optional<ULONGLONG> ParseUtcTime(std::wstring_view text)
     return FileTimeCount(fileTime) + fraction;
 }
 
+void ReadEventFiles(Scenario& scenario)
+{
+    for (ScenarioStep& step : scenario.steps) {
+        if (auto* replay = std::get_if<ReplayStep>(&step)) {
+            replay->events = LoadEventFile(replay->file);
+        }
+    }
+}
+
 Scenario LoadScenario(const std::wstring& path)
 {
     const auto document = LoadXmlFile(path, L"scenario", ExitCode::ScenarioInvalid, ExitCode::ScenarioInvalid);
@@ -308,7 +317,7 @@ Scenario LoadScenario(const std::wstring& path)
         } else if (tag == L"replay") {
             reader.OnlyAttributes({L"file"});
             reader.NoText();
-            scenario.steps.emplace_back(ReplayStep{BesideScenario(path, reader.Required(L"file"))});
+            scenario.steps.emplace_back(ReplayStep{BesideScenario(path, reader.Required(L"file")), {}});
         } else {
             reader.Fail(L"unknown step (expected event, append, pause, query, Event or replay)");
         }

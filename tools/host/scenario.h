@@ -59,6 +59,7 @@ struct EventXmlStep {
 
 struct ReplayStep {
     std::wstring file;
+    EventFile events;  // read by ReadEventFiles, before the run
 };
 
 using ScenarioStep = std::variant<EventStep, AppendStep, PauseStep, QueryStep, EventXmlStep, ReplayStep>;
@@ -72,6 +73,12 @@ struct Scenario {
 
 // Throws HostError(ScenarioInvalid) with the step's number for anything malformed.
 Scenario LoadScenario(const std::wstring& path);
+
+// Reads the file of every replay step into it, so that a file that cannot be read is
+// refused before the provider is created. Throws HostError(ScenarioInvalid) for such a
+// file; a malformed one keeps its fault in the step, to be reported after the events
+// before it are replayed.
+void ReadEventFiles(Scenario& scenario);
 
 // The lines of an indented text block (see above).
 std::vector<std::wstring> BlockLines(std::wstring_view text);

@@ -116,7 +116,7 @@ void ScenarioPlayer::WriteXml(size_t number, const EventXml& event)
 bool ScenarioPlayer::Replay(size_t number, const ReplayStep& step)
 {
     Announce(number, L"replay " + step.file);
-    const EventFile file = LoadEventFile(step.file);
+    const EventFile& file = step.events;
     size_t written = 0;
     size_t skipped = 0;
     bool stopped = false;

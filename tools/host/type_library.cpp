@@ -2,7 +2,9 @@
 
 #include "console.h"
 #include "exit_codes.h"
+#include "win/com_strings.h"
 #include "win/module_path.h"
+#include "win/unique_resource.h"
 
 #include <windows.h>
 #include <oleauto.h>
@@ -27,25 +29,45 @@ Microsoft::WRL::ComPtr<ITypeLib> Load(const std::wstring& path)
     return library;
 }
 
+// "AgentLib 1.0 {46ED2946-...}": the library's name, version and identity.
+std::wstring Identity(ITypeLib* library, const TLIBATTR& attributes)
+{
+    unique_bstr name;
+    library->GetDocumentation(-1, name.put(), nullptr, nullptr, nullptr);
+    return (name ? std::wstring(name.get(), ::SysStringLen(name.get())) + L" " : std::wstring()) +
+           std::to_wstring(attributes.wMajorVerNum) + L"." + std::to_wstring(attributes.wMinorVerNum) + L" " +
+           GuidString(attributes.guid);
+}
+
 }  // namespace
 
-void RegisterTypeLibraryFile(const std::wstring& path)
+std::wstring RegisterTypeLibraryFile(const std::wstring& path)
 {
     std::wstring full = FullPath(path);
     const auto library = Load(full);
-    const HRESULT result = ::RegisterTypeLib(library.Get(), full.data(), nullptr);
+    TLIBATTR* attributes = nullptr;
+    HRESULT result = library->GetLibAttr(&attributes);
+    std::wstring identity;
+    if (SUCCEEDED(result)) {
+        identity = Identity(library.Get(), *attributes);
+        library->ReleaseTLibAttr(attributes);
+        result = ::RegisterTypeLib(library.Get(), full.data(), nullptr);
+    }
     if (FAILED(result)) {
         throw HostError(ExitCode::RunFailed, L"cannot register the type library '" + path + L"': " +
                                                  DescribeError(static_cast<DWORD>(result)));
     }
+    return L"registered the type library " + identity + L" from '" + full + L"'";
 }
 
-void UnregisterTypeLibraryFile(const std::wstring& path)
+std::wstring UnregisterTypeLibraryFile(const std::wstring& path)
 {
     const auto library = Load(FullPath(path));
     TLIBATTR* attributes = nullptr;
     HRESULT result = library->GetLibAttr(&attributes);
+    std::wstring identity;
     if (SUCCEEDED(result)) {
+        identity = Identity(library.Get(), *attributes);
         result = ::UnRegisterTypeLib(attributes->guid, attributes->wMajorVerNum, attributes->wMinorVerNum,
                                      attributes->lcid, attributes->syskind);
         library->ReleaseTLibAttr(attributes);
@@ -54,6 +76,7 @@ void UnregisterTypeLibraryFile(const std::wstring& path)
         throw HostError(ExitCode::RunFailed, L"cannot unregister the type library '" + path + L"': " +
                                                  DescribeError(static_cast<DWORD>(result)));
     }
+    return L"unregistered the type library " + identity;
 }
 
 }  // namespace zeph::host

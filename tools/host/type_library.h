@@ -1,12 +1,15 @@
 // Registers a type library file, as the agent's installer does for Agent.tlb
-// (the provider's own type library imports it). Throws HostError(RunFailed).
+// (the provider's own type library imports it). Each returns the line that says
+// what it did; throws HostError(RunFailed).
 #pragma once
 
 #include <string>
 
 namespace zeph::host {
 
-void RegisterTypeLibraryFile(const std::wstring& path);
-void UnregisterTypeLibraryFile(const std::wstring& path);
+// "registered the type library AgentLib 1.0 {46ED...} from 'C:\...\Agent.tlb'"
+std::wstring RegisterTypeLibraryFile(const std::wstring& path);
+// "unregistered the type library AgentLib 1.0 {46ED...}"
+std::wstring UnregisterTypeLibraryFile(const std::wstring& path);
 
 }  // namespace zeph::host

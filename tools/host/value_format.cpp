@@ -1,16 +1,21 @@
 #include "value_format.h"
 
 #include "console.h"
+#include "logon_phases.h"
 #include "win/file_time.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <cwchar>
 
 namespace zeph::host {
 
 namespace {
 
 constexpr ULONGLONG kMaxFileTime = 0x7FFFFFFFFFFFFFFFull;
+constexpr wchar_t kKeyHeading[] = L"key";
+constexpr wchar_t kInstanceHeading[] = L"instance";
+constexpr wchar_t kValueHeading[] = L"value";
 
 std::wstring HexCode(HRESULT code)
 {
@@ -134,15 +139,42 @@ std::wstring TableLines(const MetricQuery& query)
         text += L", query failed: " + DescribeError(static_cast<DWORD>(query.result));
     }
     text += L"\n";
-    size_t keyWidth = 0;
-    size_t instanceWidth = 0;
+    if (count == 0) {
+        return text;
+    }
+    size_t keyWidth = std::wcslen(kKeyHeading);
+    size_t instanceWidth = std::wcslen(kInstanceHeading);
     for (const SinkWrite& value : query.values) {
         keyWidth = std::max(keyWidth, value.key.size());
         instanceWidth = std::max(instanceWidth, value.name.size());
     }
+    text += L"  " + Padded(kKeyHeading, keyWidth) + L"  " + Padded(kInstanceHeading, instanceWidth) + L"  " +
+            kValueHeading + L"\n";
     for (const SinkWrite& value : query.values) {
         text += L"  " + Padded(value.key, keyWidth) + L"  " + Padded(value.name, instanceWidth) + L"  " +
                 TableValue(value) + L"\n";
+    }
+    const auto phases = LogonPhases(query.values);
+    if (!phases.empty()) {
+        size_t nameWidth = 0;
+        size_t durationWidth = 0;
+        for (const LogonPhase& phase : phases) {
+            nameWidth = std::max(nameWidth, std::wcslen(phase.name));
+            if (phase.milliseconds) {
+                durationWidth = std::max(durationWidth, DurationText(*phase.milliseconds).size());
+            }
+        }
+        text += L"  log-on phases, from the time stamps above:\n";
+        for (const LogonPhase& phase : phases) {
+            text += L"    " + Padded(phase.name, nameWidth) + L"  ";
+            if (!phase.milliseconds) {
+                text += L"not known (" + phase.note + L")\n";
+                continue;
+            }
+            const std::wstring duration = DurationText(*phase.milliseconds);
+            text += std::wstring(durationWidth - duration.size(), L' ') + duration +
+                    (phase.note.empty() ? L"" : L" (" + phase.note + L")") + L"\n";
+        }
     }
     return text;
 }
@@ -167,8 +199,16 @@ std::wstring JsonLines(const MetricQuery& query, const SYSTEMTIME& utcNow)
         text += L"}\n";
     }
     text += prefix + L",\"result\":" + JsonString(HexCode(query.result)) + L",\"values\":" +
-            std::to_wstring(query.values.size()) + L",\"time\":" + JsonString(SystemTimeText(utcNow, true)) + L"}\n";
-    return text;
+            std::to_wstring(query.values.size()) + L",\"time\":" + JsonString(SystemTimeText(utcNow, true));
+    if (const auto phases = LogonPhases(query.values); !phases.empty()) {
+        std::wstring members;
+        for (const LogonPhase& phase : phases) {
+            members += (members.empty() ? L"" : L",") + JsonString(phase.jsonName) + L":" +
+                       (phase.milliseconds ? std::to_wstring(*phase.milliseconds) : L"null");
+        }
+        text += L",\"phases\":{" + members + L"}";
+    }
+    return text + L"}\n";
 }
 
 }  // namespace zeph::host

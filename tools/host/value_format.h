@@ -34,10 +34,14 @@ std::wstring JsonString(std::wstring_view text);
 // "Query 2 at 2024-05-14 08:02:11 UTC"
 std::wstring TableHeader(unsigned query, const SYSTEMTIME& utcNow);
 
-// "<metric>: N value(s)[, query failed: ...]" then one aligned line per value.
+// "<metric>: N value(s)[, query failed: ...]", then, when there are values, a heading
+// line (key, instance, value) and one aligned line per value; after the layering
+// metric's time stamps, how long each phase of the log-on took.
 std::wstring TableLines(const MetricQuery& query);
 
-// One JSON object per value, then one for the metric's query result.
+// One JSON object per value, then one for the metric's query result, which carries
+// "phases" (milliseconds, null where a stamp is missing or 0) after the layering
+// metric's time stamps.
 std::wstring JsonLines(const MetricQuery& query, const SYSTEMTIME& utcNow);
 
 }  // namespace zeph::host

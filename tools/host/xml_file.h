@@ -19,6 +19,10 @@ using Microsoft::WRL::ComPtr;
 ComPtr<IXMLDOMDocument> LoadXmlFile(const std::wstring& path, const wchar_t* what, ExitCode missing,
                                     ExitCode malformed);
 
+// A file's text: UTF-8 or UTF-16 by its byte-order mark, UTF-16LE recognised without one,
+// UTF-8 otherwise (the ANSI code page when it is not valid UTF-8).
+std::wstring DecodeText(const std::string& bytes);
+
 // A new DOMDocument; throws HostError(RunFailed) when MSXML 3.0 is missing.
 ComPtr<IXMLDOMDocument> NewHostXmlDocument();
 

@@ -1,5 +1,6 @@
 #include "layering/quillon_metric.h"
 
+#include "layering/quillon_keys.h"
 #include "layering/registry_string.h"
 #include "metric/event_log_handle.h"
 #include "metric/event_log_reader.h"
@@ -21,16 +22,6 @@ constexpr wchar_t kPublisherName[] = L"drovesvc";
 
 constexpr wchar_t kManagerKey[] = L"SYSTEM\\CurrentControlSet\\services\\drovesvc\\Parameters";
 constexpr wchar_t kManagerValue[] = L"Manager1";
-
-constexpr wchar_t kMetricNamespace[] = L"quillon";
-constexpr wchar_t kLogonTimestampKey[] = L"quillon|logon_timestamp";
-constexpr wchar_t kLogonResponseTimestampKey[] = L"quillon|logon_response_timestamp";
-constexpr wchar_t kVolumesReadyTimestampKey[] = L"quillon|volumes_ready_timestamp";
-constexpr wchar_t kAllDoneTimestampKey[] = L"quillon|all_done_timestamp";
-constexpr wchar_t kManagerHostKey[] = L"quillon|mgr";
-constexpr wchar_t kInstancesFlagKey[] = L"quillon|instances";
-constexpr wchar_t kInstancesFlagValue[] = L"true";
-constexpr wchar_t kInstanceKey[] = L"quillon|instances|*";
 
 constexpr wchar_t kAgentEvent[] = L"Quillon Agent Event: %s";
 constexpr wchar_t kTryEventLog[] = L"Try to find Tessera from event log";
