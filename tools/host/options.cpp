@@ -107,11 +107,11 @@ namespace {
 
 const OptionSpec* FindOption(const std::wstring& name)
 {
-    for (const OptionSpec& spec : OptionTable()) {
-        for (size_t start = 0; start < spec.spellings.size();) {
-            const size_t end = std::min(spec.spellings.find(L", ", start), spec.spellings.size());
-            if (spec.spellings.compare(start, end - start, name) == 0) {
-                return &spec;
+    for (const OptionSpec& row : OptionTable()) {
+        for (size_t start = 0; start < row.spellings.size();) {
+            const size_t end = std::min(row.spellings.find(L", ", start), row.spellings.size());
+            if (row.spellings.compare(start, end - start, name) == 0) {
+                return &row;
             }
             start = end + 2;
         }
@@ -160,13 +160,13 @@ Options ParseOptions(const std::vector<std::wstring>& arguments)
                 name.resize(equals);
             }
         }
-        const OptionSpec* spec = FindOption(name);
-        if (spec == nullptr) {
+        const OptionSpec* row = FindOption(name);
+        if (row == nullptr) {
             UsageError(name.starts_with(L"-") ? L"unknown option '" + arguments[i] + L"'"
                                               : L"unexpected argument '" + name + L"'");
         }
         std::wstring value;
-        if (spec->value.empty()) {
+        if (row->value.empty()) {
             if (inlineValue) {
                 UsageError(L"option " + name + L" takes no value");
             }
@@ -178,7 +178,7 @@ Options ParseOptions(const std::vector<std::wstring>& arguments)
             UsageError(L"option " + name + L" needs a value");
         }
 
-        switch (spec->id) {
+        switch (row->id) {
         case OptionId::Help:
             options.help = true;
             break;
@@ -269,10 +269,10 @@ Usage:
 
 Options:
 )";
-    for (const OptionSpec& spec : OptionTable()) {
-        std::wstring names = L"  " + spec.spellings + (spec.value.empty() ? L"" : L" " + spec.value);
+    for (const OptionSpec& row : OptionTable()) {
+        std::wstring names = L"  " + row.spellings + (row.value.empty() ? L"" : L" " + row.value);
         names.resize(std::max(names.size() + 2, kOptionColumn), L' ');
-        text += names + Wrapped(spec.meaning, kOptionColumn, kWidth - kOptionColumn) + L"\n";
+        text += names + Wrapped(row.meaning, kOptionColumn, kWidth - kOptionColumn) + L"\n";
     }
     text +=
         LR"(
